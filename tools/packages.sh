@@ -1,0 +1,27 @@
+# shellcheck shell=bash disable=SC2034 # the lists are used by those who source this file
+# Sourced by ./run and ./test: the Debian packages that each kind of work needs, and their installation.
+
+BUILD_PACKAGES="g++ cmake ninja-build pkg-config libcjson-dev libglib2.0-dev libsystemd-dev libsqlite3-dev
+    libubootenv-dev libgtest-dev"
+# What the camera's system has: the tools that the daemon runs, the bus, and the camera program's own needs.
+CAMERA_PACKAGES="dbus systemd iproute2 net-tools busybox hostname ethtool iptables procps sysvinit-utils
+    libubootenv-tool python3 python3-jeepney"
+TEST_PACKAGES="python3-pytest python3-pytest-xdist clang clang-format clang-tidy libclang-rt-14-dev git shellcheck"
+
+# install_packages PACKAGE...: installs those that are missing, if any.
+install_packages() {
+    local missing=() package
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    echo "installing: ${missing[*]}"
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+need_root() {
+    [ "$(id -u)" -eq 0 ] && return 0
+    echo "$0: network namespaces and package installation need root: run 'sudo $0'" >&2
+    exit 1
+}
