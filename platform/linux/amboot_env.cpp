@@ -256,7 +256,7 @@ const unsigned char* amboot_env_get_netdev(AmbootEnv* environment, int index)
     const std::optional<std::string> digits = value_of(*environment, "netdev0");
     if (!digits)
         return environment->record.data();
-    if (digits->size() != 2 * AMBOOT_NETDEV_SIZE)
+    if (digits->size() != std::size_t{2} * AMBOOT_NETDEV_SIZE)
         return nullptr;
     for (std::size_t i = 0; i < digits->size(); i++) {
         const int nibble = g_ascii_xdigit_value((*digits)[i]);

@@ -13,8 +13,6 @@
 #include <string_view>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 constexpr std::array<std::string_view, 5> KEPT_VARIABLES = {
@@ -60,7 +58,9 @@ bool daemonize()
     if (chdir("/") != 0)
         log_message(LEVEL_ERROR, "%s: Could not change to the root directory", __func__);
     // Closing standard input first makes the null device take its number.
-    OwnedDescriptor(STDIN_FILENO);
+    {
+        const OwnedDescriptor standard_input(STDIN_FILENO);
+    }
     (void)open("/dev/null", O_RDONLY);
     return true;
 }

@@ -34,7 +34,8 @@ bool convert_netmask_to_length(cJSON* item)
     return true;
 }
 
-// eth0's address as the kernel has it; null, with a line in the name of the reader that asks, when there is none.
+// eth0's address as the kernel has it; null, with a line in the name of the reader that asks, when there is
+// none.
 NetlinkInfoList actual_ipv4_record(const SettingDef* row, const char* reader)
 {
     if (row == nullptr || row->key == nullptr) {

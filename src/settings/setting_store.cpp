@@ -278,10 +278,11 @@ bool setting_is_being_changed(const cJSON* item)
 bool save_or_hold_setting(const cJSON* item, Keep keep, Unchanged unchanged)
 {
     OwnedText framework_key;
-    if (!get_trell_settings_key(item != nullptr ? item->string : nullptr, framework_key))
+    const char* key = item != nullptr ? item->string : nullptr;
+    if (!get_trell_settings_key(key, framework_key))
         return false;
     if (unchanged == Unchanged::SKIPPED && !setting_is_being_changed(item)) {
-        log_message(LEVEL_DEBUG, "%s:%d: The setting %s is not being changed", HERE, item->string);
+        log_message(LEVEL_DEBUG, "%s:%d: The setting %s is not being changed", HERE, key);
         return false;
     }
     const OwnedMallocText json_text(cJSON_PrintUnformatted(item));

@@ -136,7 +136,7 @@ protected:
     {
         std::string answer;
         serve_client([&](sd_bus* client) {
-            sd_bus_error error = SD_BUS_ERROR_NULL;
+            sd_bus_error error = {nullptr, nullptr, 0};
             sd_bus_message* reply = nullptr;
             const char* text = nullptr;
             if (sd_bus_call_method(client, NAME, PATH, NAME, method, &error, &reply, "s", request) >= 0)
@@ -297,7 +297,9 @@ TEST_F(platform_msgbus, an_idle_connection_does_not_wake_the_main_loop)
         },
         &ended);
     int turns = 0;
-    for (; !ended; turns++)
+    while (!ended) {
         g_main_context_iteration(nullptr, TRUE);
+        ++turns;
+    }
     EXPECT_LE(turns, 2);
 }

@@ -7,8 +7,6 @@
 
 #include <set>
 
-extern char** environ;
-
 namespace {
 
 class process : public QuarnTest {};

@@ -5,12 +5,18 @@ namespace {
 
 class shell : public QuarnTest {};
 
+constexpr unsigned char octet(int value)
+{
+    return static_cast<unsigned char>(value);
+}
+
 } // namespace
 
 TEST_F(shell, builds_a_command_from_plain_values)
 {
     const ShellCommand command("/sbin/ifconfig eth0%s %s netmask %s broadcast %hhu.%hhu.%hhu.%hhu mtu %d",
-                               ":1", "10.0.0.5", "255.0.0.0", 10, 255, 511, 255, -1);
+                               ":1", "10.0.0.5", "255.0.0.0", octet(10), octet(255), octet(255), octet(255),
+                               -1);
     EXPECT_STREQ(command.text(),
                  "/sbin/ifconfig eth0:1 10.0.0.5 netmask 255.0.0.0 broadcast 10.255.255.255 mtu -1");
     EXPECT_EQ(run_shell(command), 0);
@@ -64,8 +70,8 @@ TEST_F(shell, a_refusal_is_logged_with_the_value)
 
 TEST_F(shell, each_value_is_looked_at_also_behind_numbers)
 {
-    EXPECT_TRUE(ShellCommand("a %d %s %hhu %s", 1, "fine", 2, "not fine").refused());
-    EXPECT_FALSE(ShellCommand("a %d %s %hhu %s", 1, "fine", 2, "fine").refused());
+    EXPECT_TRUE(ShellCommand("a %d %s %hhu %s", 1, "fine", octet(2), "not fine").refused());
+    EXPECT_FALSE(ShellCommand("a %d %s %hhu %s", 1, "fine", octet(2), "fine").refused());
 }
 
 TEST_F(shell, the_exit_status_is_bits_8_to_15)

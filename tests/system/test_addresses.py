@@ -1,0 +1,352 @@
+"""The manual addresses and the reported leases of eth0, in the real kernel."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from typing import Any
+
+import pytest
+from expectations import (
+    ALIAS_DOWN,
+    APPLY_ERROR,
+    APPLYING_IPV4,
+    DECONFIGURE,
+    MULTICAST_NETWORK,
+    MULTICAST_ROUTE,
+    NO_ALIAS,
+    NO_ALIAS_LOG,
+    SUCCESS,
+    Outcome,
+    answer,
+    boot_commands,
+    destinations,
+    done,
+    error,
+    ifconfig,
+    ifconfig_log,
+    ipv4_of_kernel,
+    labelled,
+    probe,
+    refusal,
+    set_settings,
+    start,
+    start_with_free_addresses,
+)
+from stored_settings import plant, stored
+
+from camlab import Camera, Signal
+
+MakeCamera = Callable[..., Camera]
+
+MANUAL = {"vesko_ipv4_dhcp_enable": "0"}
+NO_ADDRESS_LOG = "<4>get_netlink_info: no data returned"
+DECONFIGURING = "<6>set_ipv4_addresses: Deconfiguring eth0"
+NO_NETMASK_LOG = "<5>get_int: [IPv4/DHCP]Netmask value is JSON NULL, returning 0"
+
+
+@pytest.fixture
+def manual_camera(make_camera: MakeCamera) -> Camera:
+    """Return a camera without DHCP that has the address 10.0.0.5/24."""
+    camera = make_camera(variables=MANUAL)
+    assert start(camera) == ["READY=1"]
+    assert camera.api_set({"[IPv4/Manual]Address": "10.0.0.5"})["success"]
+    return camera
+
+
+@pytest.fixture
+def leased_camera(camera: Camera) -> Camera:
+    """Return a camera with DHCP that came up without a lease and then got 10.1.2.3/24."""
+    start_with_free_addresses(camera)
+    lease = {"[IPv4/DHCP]Address": "10.1.2.3", "[IPv4/DHCP]Netmask": 24}
+    assert camera.api_set(lease) == {"success": True, "errors": []}
+    return camera
+
+
+# Manual addresses
+
+
+@pytest.mark.parametrize(
+    ("netmask", "length"),
+    [("255.255.255.252", 30), (8, 8), (1, 1), (31, 31), ("128.0.0.0", 1), ("255.255.255.254", 31)],
+)
+def test_a_manual_address_is_set_with_its_netmask_and_broadcast_address(
+    manual_camera: Camera, netmask: Any, length: int
+) -> None:
+    request = {"[IPv4/Manual]Address": "10.20.30.41", "[IPv4/Manual]Netmask": netmask}
+    address = f"10.20.30.41/{length}"
+    assert set_settings(manual_camera, request) == Outcome(
+        SUCCESS,
+        [NO_ALIAS, ifconfig(address), *done(MULTICAST_ROUTE)],
+        [APPLYING_IPV4, NO_ALIAS_LOG, *ifconfig_log(address)],
+    )
+    assert ipv4_of_kernel(manual_camera) == [labelled(address)]
+    assert manual_camera.get("[IPv4/Manual]Netmask") == length
+    assert stored(manual_camera)["IPv4.Manual.Netmask"] == length
+
+
+def test_a_manual_address_brings_its_network_and_the_multicast_route(manual_camera: Camera) -> None:
+    assert destinations(manual_camera) == ["10.0.0.0/24", MULTICAST_NETWORK]
+    assert set_settings(manual_camera, {"[IPv4/Manual]Address": "10.0.9.5"}).response == SUCCESS
+    assert destinations(manual_camera) == ["10.0.9.0/24", MULTICAST_NETWORK]
+
+
+def test_a_manual_address_is_announced_and_stands_again_after_a_reboot(
+    manual_camera: Camera,
+) -> None:
+    assert manual_camera.wait_signal("IPv4AddressChange") == Signal(
+        "IPv4AddressChange", ("10.0.0.5",)
+    )
+    manual_camera.reboot()
+    assert start(manual_camera) == ["READY=1"]
+    assert manual_camera.commands() == boot_commands(
+        [NO_ALIAS, ifconfig("10.0.0.5/24"), *done(MULTICAST_ROUTE)]
+    )
+    assert ipv4_of_kernel(manual_camera) == [labelled("10.0.0.5/24")]
+
+
+def test_null_takes_the_manual_address_away(manual_camera: Camera) -> None:
+    assert set_settings(manual_camera, {"[IPv4/Manual]Address": None}) == Outcome(
+        SUCCESS,
+        [NO_ALIAS, *done(DECONFIGURE)],
+        [APPLYING_IPV4, DECONFIGURING, NO_ALIAS_LOG, NO_ADDRESS_LOG],
+    )
+    assert ipv4_of_kernel(manual_camera) == []
+    assert destinations(manual_camera) == []
+
+
+def test_a_stored_netmask_of_0_deconfigures_eth0(manual_camera: Camera) -> None:
+    manual_camera.stop_daemon()
+    plant(manual_camera, {"IPv4.Manual.Netmask": "0"})
+    assert start(manual_camera) == ["READY=1"]
+    assert manual_camera.commands() == boot_commands([NO_ALIAS, *done(DECONFIGURE)])
+    assert ipv4_of_kernel(manual_camera) == []
+
+
+@pytest.mark.parametrize("netmask", [0, 32, 33, -1, 1e10, "0.0.0.0", "255.255.255.255"])
+def test_a_prefix_length_outside_of_1_to_31_is_refused(manual_camera: Camera, netmask: Any) -> None:
+    request = {"[IPv4/Manual]Address": "10.7.7.7", "[IPv4/Manual]Netmask": netmask}
+    converted = {"0.0.0.0": 0, "255.255.255.255": 32, 1e10: 10000000000}
+    printed = {**request, "[IPv4/Manual]Netmask": converted.get(netmask, netmask)}
+    fault = error(3, "Value wasn't a valid ipv4 netmask length", "[IPv4/Manual]Netmask")
+    assert set_settings(manual_camera, request) == refusal(printed, fault)
+    assert ipv4_of_kernel(manual_camera) == [labelled("10.0.0.5/24")]
+
+
+@pytest.mark.parametrize(
+    "netmask",
+    ["255.0.255.0", "0.0.0.255", "24", "255.255.255.0\n", "255.255.255.00", "", None, True, [24], {}],
+)
+def test_what_is_no_netmask_is_refused(manual_camera: Camera, netmask: Any) -> None:
+    request = {"[IPv4/Manual]Netmask": netmask}
+    fault = error(
+        3, "Value was neither an IPv4 netmask nor a length of such", "[IPv4/Manual]Netmask"
+    )
+    assert set_settings(manual_camera, request) == refusal(request, fault)
+    assert manual_camera.get("[IPv4/Manual]Netmask") == 24
+
+
+@pytest.mark.parametrize(
+    "address",
+    ["0.0.0.0", "0.1.2.3", "127.0.0.1", "240.0.0.1", "255.255.255.255", "1.2.3", "01.2.3.4", "::1"],
+)
+def test_what_is_no_unicast_ipv4_address_is_refused(manual_camera: Camera, address: str) -> None:
+    request = {"[IPv4/Manual]Address": address}
+    fault = error(3, f"String '{address}' wasn't a valid IPv4 address", "[IPv4/Manual]Address")
+    assert set_settings(manual_camera, request) == refusal(request, fault)
+    assert ipv4_of_kernel(manual_camera) == [labelled("10.0.0.5/24")]
+
+
+def test_an_address_that_ifconfig_refuses_is_an_apply_error(manual_camera: Camera) -> None:
+    manual_camera.rule("/sbin/ifconfig eth0 *", status=1)
+    assert set_settings(manual_camera, {"[IPv4/Manual]Address": "10.0.0.6"}) == Outcome(
+        answer(APPLY_ERROR, success=True),
+        [NO_ALIAS, ifconfig("10.0.0.6/24", status=1), *done(MULTICAST_ROUTE)],
+        [
+            APPLYING_IPV4,
+            NO_ALIAS_LOG,
+            "<6>_do_ifconfig: Setting IPv4 address=10.0.0.6/24",
+            "<3>_do_ifconfig: ifconfig returned 1",
+            "<5>json_response_add_error: Adding error 1 to JSON response: "
+            "There was an error in applying the settings",
+        ],
+    )
+    assert stored(manual_camera)["IPv4.Manual.Address"] == "10.0.0.6"
+
+
+def test_a_multicast_route_that_cannot_be_added_is_no_apply_error(manual_camera: Camera) -> None:
+    manual_camera.rule("if ! /sbin/route *", status=7)
+    outcome = set_settings(manual_camera, {"[IPv4/Manual]Address": "10.0.0.6"})
+    assert outcome.response == SUCCESS
+    assert outcome.log == [
+        APPLYING_IPV4,
+        NO_ALIAS_LOG,
+        *ifconfig_log("10.0.0.6/24"),
+        f"<5>add_multicast_route: System call '{MULTICAST_ROUTE}' returned 7",
+    ]
+
+
+# Leases
+
+
+def test_a_reported_lease_replaces_link_local_and_fallback(camera: Camera) -> None:
+    start_with_free_addresses(camera)
+    lease = {"[IPv4/DHCP]Address": "10.1.2.3", "[IPv4/DHCP]Netmask": "255.255.0.0"}
+    assert set_settings(camera, lease) == Outcome(
+        SUCCESS,
+        done(ALIAS_DOWN) + [ifconfig("10.1.2.3/16"), *done(MULTICAST_ROUTE)],
+        [APPLYING_IPV4, *ifconfig_log("10.1.2.3/16")],
+    )
+    assert ipv4_of_kernel(camera) == [labelled("10.1.2.3/16")]
+    assert destinations(camera) == ["10.1.0.0/16", MULTICAST_NETWORK]
+
+
+def test_a_lease_is_forgotten_when_the_daemon_ends(leased_camera: Camera) -> None:
+    link_local = stored(leased_camera)["IPv4.LocalLink.Address"]
+    assert sorted(stored(leased_camera)) == ["IPv4.LocalLink.Address", "IPv4.VeskoConf.Address"]
+    leased_camera.kill_daemon()
+    assert start(leased_camera) == ["READY=1"]
+    assert leased_camera.get("[IPv4/DHCP]Address") is None
+    assert ipv4_of_kernel(leased_camera) == [
+        labelled(f"{link_local}/16"),
+        labelled("192.168.0.20/24", "eth0:1"),
+    ]
+
+
+def test_a_lease_without_a_netmask_deconfigures_eth0(camera: Camera) -> None:
+    start_with_free_addresses(camera)
+    assert set_settings(camera, {"[IPv4/DHCP]Address": "10.1.2.3"}) == Outcome(
+        SUCCESS,
+        done(ALIAS_DOWN, DECONFIGURE),
+        [APPLYING_IPV4, NO_NETMASK_LOG, DECONFIGURING, NO_ADDRESS_LOG],
+    )
+    assert ipv4_of_kernel(camera) == []
+
+
+def test_a_lost_lease_keeps_the_link_local_address(leased_camera: Camera) -> None:
+    link_local = f"{stored(leased_camera)['IPv4.LocalLink.Address']}/16"
+    assert set_settings(leased_camera, {"[IPv4/DHCP]Address": "0.0.0.0"}) == Outcome(
+        SUCCESS,
+        [ifconfig(link_local)],
+        [APPLYING_IPV4, *ifconfig_log(link_local)],
+    )
+    assert ipv4_of_kernel(leased_camera) == [labelled(link_local)]
+    assert destinations(leased_camera) == ["169.254.0.0/16"]
+
+
+def test_a_lost_lease_leaves_the_fallback_alias_as_it_is(camera: Camera) -> None:
+    start_with_free_addresses(camera)
+    link_local = f"{stored(camera)['IPv4.LocalLink.Address']}/16"
+    lost = {"[IPv4/DHCP]Address": "0.0.0.0", "[IPv4/DHCP]Netmask": 24}
+    assert set_settings(camera, lost).commands == [ifconfig(link_local)]
+    assert ipv4_of_kernel(camera) == [
+        labelled(link_local),
+        labelled("192.168.0.20/24", "eth0:1"),
+    ]
+
+
+def test_a_lost_lease_without_link_local_runs_nothing_and_is_an_apply_error(
+    leased_camera: Camera,
+) -> None:
+    leased_camera.api_set({"[IPv4/LocalLink]Enabled": False})
+    assert set_settings(leased_camera, {"[IPv4/DHCP]Address": "0.0.0.0"}) == Outcome(
+        answer(APPLY_ERROR, success=True),
+        [],
+        [
+            APPLYING_IPV4,
+            "<5>json_response_add_error: Adding error 1 to JSON response: "
+            "There was an error in applying the settings",
+        ],
+    )
+    assert ipv4_of_kernel(leased_camera) == [labelled("10.1.2.3/24")]
+
+
+def test_a_lost_lease_draws_an_address_when_none_was_put_beside_the_alias(
+    make_camera: MakeCamera,
+) -> None:
+    camera = make_camera(variables={"vesko_ipv4_link_local_enable": "0"})
+    start_with_free_addresses(camera)
+    assert ipv4_of_kernel(camera) == [labelled("192.168.0.20/24")]
+    lost = {
+        "[IPv4/LocalLink]Enabled": True,
+        "[IPv4/DHCP]Address": "0.0.0.0",
+        "[IPv4/DHCP]Netmask": 24,
+    }
+    outcome = set_settings(camera, lost)
+    link_local = stored(camera)["IPv4.LocalLink.Address"]
+    assert outcome == Outcome(
+        SUCCESS,
+        [probe(link_local), ifconfig(f"{link_local}/16")],
+        [APPLYING_IPV4, *ifconfig_log(f"{link_local}/16")],
+    )
+    assert ipv4_of_kernel(camera) == [labelled(f"{link_local}/16")]
+
+
+def test_a_lease_taken_back_brings_the_remembered_addresses_again(leased_camera: Camera) -> None:
+    link_local = stored(leased_camera)["IPv4.LocalLink.Address"]
+    no_lease = {"[IPv4/DHCP]Address": None}
+    assert set_settings(leased_camera, no_lease) == Outcome(
+        SUCCESS,
+        [
+            probe(link_local),
+            probe("192.168.0.20"),
+            ifconfig(f"{link_local}/16"),
+            ifconfig("192.168.0.20/24", "eth0:1"),
+            *done(MULTICAST_ROUTE),
+        ],
+        [APPLYING_IPV4, *ifconfig_log(f"{link_local}/16"), *ifconfig_log("192.168.0.20/24")],
+    )
+    assert destinations(leased_camera) == ["169.254.0.0/16", "192.168.0.0/24", MULTICAST_NETWORK]
+
+
+@pytest.mark.parametrize("address", ["0.0.0.00", "0.0.0.1", "127.0.0.1", ""])
+def test_of_the_addresses_that_are_not_unicast_only_0_0_0_0_is_a_lease(
+    leased_camera: Camera, address: str
+) -> None:
+    request = {"[IPv4/DHCP]Address": address}
+    fault = error(3, f"String '{address}' wasn't a valid IPv4 address", "[IPv4/DHCP]Address")
+    assert set_settings(leased_camera, request) == refusal(request, fault)
+    assert ipv4_of_kernel(leased_camera) == [labelled("10.1.2.3/24")]
+
+
+# An NFS root
+
+
+def test_an_nfs_root_gets_the_multicast_route_and_no_address(make_camera: MakeCamera) -> None:
+    camera = make_camera(kernel_command_line="console=ttyS0 root=/dev/nfs ip=dhcp\n", variables=MANUAL)
+    camera.run(["ip", "address", "add", "10.0.0.9/24", "dev", "eth0"], check=True)
+    assert start(camera) == ["READY=1"]
+    assert camera.commands() == boot_commands(done(MULTICAST_ROUTE))
+    assert set_settings(camera, {"[IPv4/Manual]Address": "10.0.0.5"}) == Outcome(
+        SUCCESS,
+        done(MULTICAST_ROUTE),
+        [
+            APPLYING_IPV4,
+            "<4>set_ipv4_addresses: Not changing ip config because of NFS mount",
+        ],
+    )
+    assert ipv4_of_kernel(camera) == [("eth0", "10.0.0.9/24", "")]
+    assert destinations(camera) == ["10.0.0.0/24", MULTICAST_NETWORK]
+
+
+def test_an_nfs_root_without_a_lease_probes_addresses_and_leaves_them_unused(
+    make_camera: MakeCamera,
+) -> None:
+    camera = make_camera(kernel_command_line="root=/dev/nfs\n")
+    start_with_free_addresses(camera)
+    link_local = stored(camera)["IPv4.LocalLink.Address"]
+    assert camera.commands() == boot_commands(
+        [probe(link_local), probe("192.168.0.20"), *done(MULTICAST_ROUTE)]
+    )
+    assert ipv4_of_kernel(camera) == []
+
+
+def test_only_the_first_255_bytes_of_the_kernel_command_line_count(make_camera: MakeCamera) -> None:
+    cut_off = "x" * 242 + " root=/dev/nfs\n"
+    camera = make_camera(kernel_command_line=cut_off, variables=MANUAL)
+    assert start(camera) == ["READY=1"]
+    assert set_settings(camera, {"[IPv4/Manual]Address": "10.0.0.5"}).response == SUCCESS
+    assert ipv4_of_kernel(camera) == [labelled("10.0.0.5/24")]
+    camera.set_kernel_command_line(cut_off[1:])
+    assert set_settings(camera, {"[IPv4/Manual]Address": "10.0.0.6"}).commands == done(
+        MULTICAST_ROUTE
+    )
