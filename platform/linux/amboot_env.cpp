@@ -71,7 +71,7 @@ std::string key_file_path()
 // holds it.
 bool lock_is_free()
 {
-    const platform::Descriptor lock(open(LOCK_FILE, O_RDWR | O_CLOEXEC));
+    const platform::Descriptor lock(open(LOCK_FILE, O_RDONLY | O_CLOEXEC));
     if (!lock.is_open())
         return true;
     for (int attempt = 0; attempt < LOCK_ATTEMPTS; attempt++) {

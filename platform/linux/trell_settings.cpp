@@ -3,6 +3,8 @@
 #include "settings_database.h"
 #include "trell_core.h"
 
+#include <malloc.h>
+
 #include <cstring>
 #include <optional>
 #include <string>
@@ -104,6 +106,8 @@ gboolean settle_when_idle(gpointer data)
     // A commit that is still to come arms the timer anew.
     if (settings.before.empty())
         settle(settings);
+    // What a request took is not needed again for long.
+    malloc_trim(0);
     return G_SOURCE_REMOVE;
 }
 

@@ -55,7 +55,7 @@ protected:
     {
         const pid_t child = fork();
         if (child == 0)
-            _exit(steps());
+            _exit([&]() noexcept { return steps(); }());
         int status = 0;
         waitpid(child, &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);

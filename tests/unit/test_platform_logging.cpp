@@ -34,8 +34,16 @@ protected:
     std::string sent_to_journal(const char* message)
     {
         const int status = status_of_child([&, this] {
-            if (unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0 ||
-                mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            const uid_t user = geteuid();
+            const gid_t group = getegid();
+            if (unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0)
+                return 1;
+            if (user != 0) {
+                write_text("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
+                write_text("/proc/self/setgroups", "deny");
+                write_text("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+            }
+            if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
                 mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0)
                 return 1;
             std::filesystem::create_directories("/run/systemd/journal");
