@@ -228,17 +228,22 @@ bool set_database_aside(const std::string& path)
     return true;
 }
 
-int begin_transaction(const std::string& path, Database& database)
+int begin_transaction(const std::string& path, const Rows& rows, Database& database, std::string& reason)
 {
-    if (!database) {
-        database = open_database(path, SQLITE_OPEN_READWRITE);
-        const int code = database
-                             ? execute(database.get(), "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL")
-                             : SQLITE_NOMEM;
-        if (code != SQLITE_OK)
-            return code;
-    }
-    return execute(database.get(), "BEGIN IMMEDIATE");
+    if (database)
+        return execute(database.get(), "BEGIN IMMEDIATE");
+    database = open_database(path, SQLITE_OPEN_READWRITE);
+    int code = database ? execute(database.get(), "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL")
+                        : SQLITE_NOMEM;
+    if (code == SQLITE_OK)
+        code = execute(database.get(), "BEGIN IMMEDIATE");
+    Rows present;
+    if (code == SQLITE_OK)
+        code = read_from(database, present, reason);
+    if (code != SQLITE_OK || present == rows)
+        return code;
+    reason = "its settings are not those of the daemon";
+    return SQLITE_CORRUPT;
 }
 
 int write_row(sqlite3* database, const std::string& key, const std::string& text)

@@ -35,8 +35,9 @@ bool write_database(const std::string& path, const Rows& rows);
 bool set_database_aside(const std::string& path);
 
 // An open transaction on the existing file, or SQLite's result code; the connection stays in `database` for
-// the next.
-int begin_transaction(const std::string& path, Database& database);
+// the next. A file that is opened anew must hold these rows and no others: of one that was damaged meanwhile
+// the next start would take nothing.
+int begin_transaction(const std::string& path, const Rows& rows, Database& database, std::string& reason);
 int write_row(sqlite3* database, const std::string& key, const std::string& text);
 int commit_transaction(sqlite3* database);
 

@@ -125,26 +125,27 @@ void settle_later(TrellSettings& settings)
 }
 
 // Nothing is written that memory does not hold, so a database that is gone is made anew of it.
-int open_and_begin(TrellSettings& settings)
+int open_and_begin(TrellSettings& settings, std::string& reason)
 {
     if (!settings.database && access(settings.path.c_str(), F_OK) != 0 &&
         !(g_mkdir_with_parents(platform::state_directory().c_str(), 0700) == 0 &&
           platform::set_database_aside(settings.path) &&
           platform::write_database(settings.path, settings.rows)))
         return SQLITE_CANTOPEN;
-    return platform::begin_transaction(settings.path, settings.database);
+    return platform::begin_transaction(settings.path, settings.rows, settings.database, reason);
 }
 
 bool begin(TrellSettings& settings)
 {
     if (!settings.complete && !load(settings))
         return false;
-    int code = open_and_begin(settings);
+    std::string reason;
+    int code = open_and_begin(settings, reason);
     if (platform::means_damage(code)) {
         platform_log(PRIORITY_ERROR, "%s: %s is damaged and set aside: %s", __func__, settings.path.c_str(),
-                     sqlite3_errstr(code));
+                     reason.empty() ? sqlite3_errstr(code) : reason.c_str());
         settings.database.reset();
-        code = platform::set_database_aside(settings.path) ? open_and_begin(settings) : code;
+        code = platform::set_database_aside(settings.path) ? open_and_begin(settings, reason) : code;
     }
     if (code == SQLITE_OK)
         return true;
@@ -241,6 +242,8 @@ int trell_core_settings_commit(TrellSettings* settings)
         platform_log(PRIORITY_ERROR, "%s: %s cannot be written: %s", __func__, settings->path.c_str(),
                      sqlite3_errstr(code));
         take_back(*settings);
+        // A connection of a disk that was read-only stays so; the next request opens it anew.
+        settings->database.reset();
         return 1;
     }
     settings->before.clear();

@@ -128,6 +128,8 @@ void json_response_add_value(JsonResponse& response, const char* key, OwnedJson 
 
 OwnedMallocText json_response_print(const JsonResponse& response)
 {
-    const OwnedMallocText printed(cJSON_PrintUnformatted(response.root.get()));
-    return OwnedMallocText(printed ? strdup(carried_by_bus(printed.get()).c_str()) : nullptr);
+    OwnedMallocText printed(cJSON_PrintUnformatted(response.root.get()));
+    if (!printed || g_str_is_ascii(printed.get()))
+        return printed;
+    return OwnedMallocText(strdup(carried_by_bus(printed.get()).c_str()));
 }

@@ -8,6 +8,17 @@
 
 namespace {
 
+// A text of ours ends at a zero byte: what a client wrote behind an escaped one would be lost without a word.
+bool has_escaped_zero_byte(const char* text)
+{
+    for (const char* at = std::strchr(text, '\\'); at != nullptr && at[1] != '\0';
+         at = std::strchr(at + 2, '\\')) {
+        if (g_str_has_prefix(at, "\\u0000"))
+            return true;
+    }
+    return false;
+}
+
 // Takes one JSON value and nothing behind it. Null, with an error in the response, for any other text.
 std::unique_ptr<SettingRequest> parse_request(const char* text, RequestKind kind, JsonResponse& response)
 {
@@ -18,7 +29,8 @@ std::unique_ptr<SettingRequest> parse_request(const char* text, RequestKind kind
         return nullptr;
     }
     request->kind = kind;
-    request->root.reset(cJSON_ParseWithOpts(text, nullptr, true));
+    if (!has_escaped_zero_byte(text))
+        request->root.reset(cJSON_ParseWithOpts(text, nullptr, true));
     if (!request->root) {
         json_response_add_error(response, ERROR_MALFORMED_REQUEST, nullptr, "The provided JSON didn't parse");
         return nullptr;
