@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -54,13 +55,14 @@ std::span<const char> receive(int socket, std::span<char> buffer)
 }
 
 // Hands each message to the callback and puts its records in front of the list. True when the dump is over.
-bool take_messages(std::span<const char> received, NetlinkCallback callback, NetlinkInfoList& list)
+bool take_messages(std::span<const char> received, NetlinkCallback callback, unsigned eth0_index,
+                   NetlinkInfoList& list)
 {
     while (received.size() >= sizeof(nlmsghdr)) {
         const auto* message = reinterpret_cast<const nlmsghdr*>(received.data());
         if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > received.size())
             return false;
-        list.reset(join_netlink_info(callback(message), list.release()));
+        list.reset(join_netlink_info(callback(message, eth0_index), list.release()));
         if (message->nlmsg_type == NLMSG_DONE)
             return true;
         received = received.subspan(std::min<std::size_t>(NLMSG_ALIGN(message->nlmsg_len), received.size()));
@@ -153,11 +155,13 @@ NetlinkInfoList get_netlink_info(std::uint16_t request_type, NetlinkFamily famil
         log_message(LEVEL_CRITICAL, "%s:%d: can't allocate buffer", HERE);
         return nullptr;
     }
+    // Once for the dump: each look-up is a socket of its own.
+    const unsigned eth0_index = if_nametoindex("eth0");
     NetlinkInfoList list;
     std::span<const char> received;
     do {
         received = receive(netlink.get(), {buffer.get(), RECEIVE_BUFFER_SIZE});
-    } while (!received.empty() && !take_messages(received, callback, list));
+    } while (!received.empty() && !take_messages(received, callback, eth0_index, list));
     if (list == nullptr)
         log_message(LEVEL_WARNING, "%s: no data returned", __func__);
     return list;

@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
 
 #include <algorithm>
 #include <array>
@@ -71,10 +70,10 @@ std::array<char, INET6_ADDRSTRLEN> address_text(int family, Payload payload)
 }
 
 // The header of a message about an address of eth0, else null.
-const ifaddrmsg* eth0_address_header(const nlmsghdr* message)
+const ifaddrmsg* eth0_address_header(const nlmsghdr* message, unsigned eth0_index)
 {
     const auto* header = header_of<ifaddrmsg>(message, RTM_NEWADDR);
-    return header != nullptr && header->ifa_index == if_nametoindex("eth0") ? header : nullptr;
+    return header != nullptr && header->ifa_index == eth0_index ? header : nullptr;
 }
 
 bool is_eth0_label(Payload payload)
@@ -99,10 +98,10 @@ quarn_netlink_info* address_record(const nlmsghdr* message, const ifaddrmsg& hea
 }
 
 // False when the message does not tell of eth0, or of no hardware address of six bytes.
-bool read_hardware_address(const nlmsghdr* message, HardwareAddress& address)
+bool read_hardware_address(const nlmsghdr* message, unsigned eth0_index, HardwareAddress& address)
 {
     const auto* header = header_of<ifinfomsg>(message, RTM_NEWLINK);
-    if (header == nullptr || static_cast<unsigned>(header->ifi_index) != if_nametoindex("eth0"))
+    if (header == nullptr || static_cast<unsigned>(header->ifi_index) != eth0_index)
         return false;
     bool found = false;
     visit_attributes_of<ifinfomsg>(message, [&](int type, Payload payload) {
@@ -129,9 +128,9 @@ template <typename Visit> void visit_next_hops(Payload next_hops, Visit visit)
 
 } // namespace
 
-quarn_netlink_info* ip_addr_callback(const nlmsghdr* message)
+quarn_netlink_info* ip_addr_callback(const nlmsghdr* message, unsigned eth0_index)
 {
-    const ifaddrmsg* header = eth0_address_header(message);
+    const ifaddrmsg* header = eth0_address_header(message, eth0_index);
     if (header == nullptr)
         return nullptr;
     bool has_other_label = false;
@@ -141,16 +140,16 @@ quarn_netlink_info* ip_addr_callback(const nlmsghdr* message)
     return has_other_label ? nullptr : address_record(message, *header);
 }
 
-quarn_netlink_info* stateless_addr_callback(const nlmsghdr* message)
+quarn_netlink_info* stateless_addr_callback(const nlmsghdr* message, unsigned eth0_index)
 {
-    const ifaddrmsg* header = eth0_address_header(message);
+    const ifaddrmsg* header = eth0_address_header(message, eth0_index);
     // Router advertisements and DHCPv6 give global addresses with a lifetime.
     const bool is_stateless = header != nullptr && header->ifa_scope == RT_SCOPE_UNIVERSE &&
                               (header->ifa_flags & IFA_F_PERMANENT) == 0;
     return is_stateless ? address_record(message, *header) : nullptr;
 }
 
-quarn_netlink_info* gateways_callback(const nlmsghdr* message)
+quarn_netlink_info* gateways_callback(const nlmsghdr* message, unsigned /*eth0_index*/)
 {
     const auto* header = header_of<rtmsg>(message, RTM_NEWROUTE);
     if (header == nullptr || header->rtm_type == RTN_LOCAL)
@@ -180,10 +179,10 @@ quarn_netlink_info* gateways_callback(const nlmsghdr* message)
     return has_destination ? nullptr : gateways.release();
 }
 
-quarn_netlink_info* hw_addr_callback(const nlmsghdr* message)
+quarn_netlink_info* hw_addr_callback(const nlmsghdr* message, unsigned eth0_index)
 {
     HardwareAddress mac{};
-    if (!read_hardware_address(message, mac))
+    if (!read_hardware_address(message, eth0_index, mac))
         return nullptr;
     // Modified EUI-64: the universal/local bit is inverted.
     constexpr unsigned char UNIVERSAL_LOCAL_BIT = 0x02;
@@ -199,10 +198,10 @@ quarn_netlink_info* hw_addr_callback(const nlmsghdr* message)
     return new_netlink_info(text + LEADING_COLONS, 0);
 }
 
-quarn_netlink_info* mac_addr_callback(const nlmsghdr* message)
+quarn_netlink_info* mac_addr_callback(const nlmsghdr* message, unsigned eth0_index)
 {
     HardwareAddress mac{};
-    if (!read_hardware_address(message, mac))
+    if (!read_hardware_address(message, eth0_index, mac))
         return nullptr;
     const OwnedText text(g_strdup_printf("%02hhX%02hhX%02hhX%02hhX%02hhX%02hhX", mac[0], mac[1], mac[2],
                                          mac[3], mac[4], mac[5]));

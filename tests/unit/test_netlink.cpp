@@ -37,7 +37,7 @@ Texts records(const quarn_netlink_info* list)
 Texts made_by(NetlinkCallback callback, const std::string& message)
 {
     const std::vector<char> bytes(message.begin(), message.end());
-    const NetlinkInfoList list(callback(reinterpret_cast<const nlmsghdr*>(bytes.data())));
+    const NetlinkInfoList list(callback(reinterpret_cast<const nlmsghdr*>(bytes.data()), ETH0_INDEX));
     return records(list.get());
 }
 
