@@ -105,7 +105,7 @@ class Daemon:
 
     def log_lines(self) -> list[str]:
         """Return the lines that the present or last run wrote on standard error."""
-        return self._machine.files.read(_STDERR).splitlines()
+        return self._machine.files.read(_STDERR).split("\n")[:-1]
 
     def wait_log(self, text: str, count: int, timeout: float) -> str:
         """Wait for the count-th log line that contains the text, and return it."""

@@ -112,18 +112,29 @@ bool send_to_journal(const std::string& identifier, int priority, std::string_vi
     return sd_journal_sendv(parts.data(), static_cast<int>(count)) >= 0;
 }
 
+// The C0 bytes, and the second byte of a C1 character: a terminal takes either for a command.
+bool is_control(unsigned char previous, unsigned char byte)
+{
+    return byte < 0x20 || byte == 0x7f || (previous == 0xc2 && byte >= 0x80 && byte < 0xa0);
+}
+
 // One message is one line and one write: no client's text can forge a second line.
 void write_to_standard_error(int priority, std::string_view message)
 {
     static constexpr char HEXADECIMAL[] = "0123456789abcdef";
     std::string line = "<" + std::to_string(priority) + ">";
     line.reserve(line.size() + message.size() + 1);
+    unsigned char previous = 0;
     for (const char character : message) {
         const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte != 0x7f)
+        if (!is_control(previous, byte)) {
             line += character;
-        else
-            line.append("\\x").append(1, HEXADECIMAL[byte >> 4]).append(1, HEXADECIMAL[byte & 0xf]);
+        } else {
+            line += "\\x";
+            line += HEXADECIMAL[byte >> 4];
+            line += HEXADECIMAL[byte & 0xf];
+        }
+        previous = byte;
     }
     line += '\n';
     while (write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {

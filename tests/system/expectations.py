@@ -74,11 +74,17 @@ def set_settings(camera: Camera, request: dict[str, Any] | str) -> Outcome:
     logged = len(camera.log_lines())
     response = camera.api_set_text(text)
     log = masked(camera.log_lines()[logged:])
-    assert log.pop(0).startswith("<5>api_set: API call: SET.  Data: ")
+    # Signals of an earlier request go out before this one's lines, those of this one after them.
+    while not log.pop(0).startswith("<5>api_set: API call: SET.  Data: "):
+        pass
+    end = "<7>api_set:LINE: Finished with SET command"
+    log = log[: log.index(end) + 1] if end in log else log
     return Outcome(response, camera.commands(), log)
 
 
-def refusal(request: dict[str, Any], *errors: dict[str, Any], log: list[str] | None = None) -> Outcome:
+def refusal(
+    request: dict[str, Any], *errors: dict[str, Any], log: list[str] | None = None
+) -> Outcome:
     """What follows a request that is refused for its values: nothing but answer and log."""
     lines = [error_log(entry["code"], entry["msg"], entry.get("key")) for entry in errors]
     last = f"<3>api_set: Failed setting validation: {compact(request)}"
@@ -142,7 +148,7 @@ SETTING_MTU = "<6>apply_settings: Set the MTU on eth0"
 def start(camera: Camera, **variables: str) -> list[str]:
     """Start the daemon; return its messages to the supervisor."""
     camera.clear_commands()
-    camera.start_daemon(**variables)
+    camera.start_daemon(environment=variables)
     return camera.wait_ready()
 
 
@@ -205,6 +211,7 @@ def start_manual(make_camera: Callable[..., Camera], **options: Any) -> Camera:
     camera = make_camera(**{"variables": MANUAL_IPV4, **options})
     camera.wait_until(lambda: camera.addresses(6), "eth0 has its link-local address")
     assert start(camera, QUARN_LOG_LEVEL="debug") == ["READY=1"]
+    camera.wait_log(f"Sending DBUS Signal IPv4AddressChange={MANUAL_ADDRESS}")
     return camera
 
 
@@ -225,3 +232,23 @@ def all_signals(camera: Camera) -> list[Signal]:
     camera.clear_signals()
     assert signals.pop() == last
     return signals
+
+
+# A camera without a lease
+
+
+def addresses_without_lease(link_local: str, fallback: str) -> list[Command]:
+    """The commands that set both addresses."""
+    return [
+        ifconfig(f"{link_local}/16"),
+        ifconfig(f"{fallback}/24", "eth0:1"),
+        *done(MULTICAST_ROUTE),
+    ]
+
+
+def ipv4_step(camera: Camera) -> list[str]:
+    """What the daemon logged at its start while it set the IPv4 addresses."""
+    log = masked(camera.log_lines())
+    first = log.index(APPLYING_IPV4)
+    last = log.index("<6>apply_settings: If IPv6 enabled, applying IPv6 addresses")
+    return log[first + 1 : last]

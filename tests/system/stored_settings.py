@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import re
 from typing import Any
 
 from camlab import Camera
@@ -37,6 +38,14 @@ def stored_texts(camera: Camera) -> dict[str, str]:
 def stored(camera: Camera) -> dict[str, Any]:
     """Return all that is stored, parsed."""
     return {name: json.loads(text) for name, text in stored_texts(camera).items()}
+
+
+def stored_link_local(camera: Camera) -> str:
+    """The link-local address that the camera remembers."""
+    address = stored(camera)["IPv4.LocalLink.Address"]
+    assert re.fullmatch(r"169\.254\.\d{1,3}\.\d{1,3}", address)
+    assert isinstance(address, str)
+    return address
 
 
 def plant(camera: Camera, texts: dict[str, str]) -> None:

@@ -1,4 +1,4 @@
-"""The manual addresses and the reported leases of eth0, in the real kernel."""
+"""The manual IPv4 addresses of eth0, in the real kernel."""
 
 from __future__ import annotations
 
@@ -7,9 +7,8 @@ from typing import Any
 
 import pytest
 from expectations import (
-    ALIAS_DOWN,
-    APPLY_ERROR,
     APPLYING_IPV4,
+    APPLY_ERROR,
     DECONFIGURE,
     MULTICAST_NETWORK,
     MULTICAST_ROUTE,
@@ -41,7 +40,6 @@ MakeCamera = Callable[..., Camera]
 MANUAL = {"vesko_ipv4_dhcp_enable": "0"}
 NO_ADDRESS_LOG = "<4>get_netlink_info: no data returned"
 DECONFIGURING = "<6>set_ipv4_addresses: Deconfiguring eth0"
-NO_NETMASK_LOG = "<5>get_int: [IPv4/DHCP]Netmask value is JSON NULL, returning 0"
 
 
 @pytest.fixture
@@ -50,15 +48,6 @@ def manual_camera(make_camera: MakeCamera) -> Camera:
     camera = make_camera(variables=MANUAL)
     assert start(camera) == ["READY=1"]
     assert camera.api_set({"[IPv4/Manual]Address": "10.0.0.5"})["success"]
-    return camera
-
-
-@pytest.fixture
-def leased_camera(camera: Camera) -> Camera:
-    """Return a camera with DHCP that came up without a lease and then got 10.1.2.3/24."""
-    start_with_free_addresses(camera)
-    lease = {"[IPv4/DHCP]Address": "10.1.2.3", "[IPv4/DHCP]Netmask": 24}
-    assert camera.api_set(lease) == {"success": True, "errors": []}
     return camera
 
 
@@ -134,7 +123,18 @@ def test_a_prefix_length_outside_of_1_to_31_is_refused(manual_camera: Camera, ne
 
 @pytest.mark.parametrize(
     "netmask",
-    ["255.0.255.0", "0.0.0.255", "24", "255.255.255.0\n", "255.255.255.00", "", None, True, [24], {}],
+    [
+        "255.0.255.0",
+        "0.0.0.255",
+        "24",
+        "255.255.255.0\n",
+        "255.255.255.00",
+        "",
+        None,
+        True,
+        [24],
+        {},
+    ],
 )
 def test_what_is_no_netmask_is_refused(manual_camera: Camera, netmask: Any) -> None:
     request = {"[IPv4/Manual]Netmask": netmask}
@@ -185,134 +185,13 @@ def test_a_multicast_route_that_cannot_be_added_is_no_apply_error(manual_camera:
     ]
 
 
-# Leases
-
-
-def test_a_reported_lease_replaces_link_local_and_fallback(camera: Camera) -> None:
-    start_with_free_addresses(camera)
-    lease = {"[IPv4/DHCP]Address": "10.1.2.3", "[IPv4/DHCP]Netmask": "255.255.0.0"}
-    assert set_settings(camera, lease) == Outcome(
-        SUCCESS,
-        done(ALIAS_DOWN) + [ifconfig("10.1.2.3/16"), *done(MULTICAST_ROUTE)],
-        [APPLYING_IPV4, *ifconfig_log("10.1.2.3/16")],
-    )
-    assert ipv4_of_kernel(camera) == [labelled("10.1.2.3/16")]
-    assert destinations(camera) == ["10.1.0.0/16", MULTICAST_NETWORK]
-
-
-def test_a_lease_is_forgotten_when_the_daemon_ends(leased_camera: Camera) -> None:
-    link_local = stored(leased_camera)["IPv4.LocalLink.Address"]
-    assert sorted(stored(leased_camera)) == ["IPv4.LocalLink.Address", "IPv4.VeskoConf.Address"]
-    leased_camera.kill_daemon()
-    assert start(leased_camera) == ["READY=1"]
-    assert leased_camera.get("[IPv4/DHCP]Address") is None
-    assert ipv4_of_kernel(leased_camera) == [
-        labelled(f"{link_local}/16"),
-        labelled("192.168.0.20/24", "eth0:1"),
-    ]
-
-
-def test_a_lease_without_a_netmask_deconfigures_eth0(camera: Camera) -> None:
-    start_with_free_addresses(camera)
-    assert set_settings(camera, {"[IPv4/DHCP]Address": "10.1.2.3"}) == Outcome(
-        SUCCESS,
-        done(ALIAS_DOWN, DECONFIGURE),
-        [APPLYING_IPV4, NO_NETMASK_LOG, DECONFIGURING, NO_ADDRESS_LOG],
-    )
-    assert ipv4_of_kernel(camera) == []
-
-
-def test_a_lost_lease_keeps_the_link_local_address(leased_camera: Camera) -> None:
-    link_local = f"{stored(leased_camera)['IPv4.LocalLink.Address']}/16"
-    assert set_settings(leased_camera, {"[IPv4/DHCP]Address": "0.0.0.0"}) == Outcome(
-        SUCCESS,
-        [ifconfig(link_local)],
-        [APPLYING_IPV4, *ifconfig_log(link_local)],
-    )
-    assert ipv4_of_kernel(leased_camera) == [labelled(link_local)]
-    assert destinations(leased_camera) == ["169.254.0.0/16"]
-
-
-def test_a_lost_lease_leaves_the_fallback_alias_as_it_is(camera: Camera) -> None:
-    start_with_free_addresses(camera)
-    link_local = f"{stored(camera)['IPv4.LocalLink.Address']}/16"
-    lost = {"[IPv4/DHCP]Address": "0.0.0.0", "[IPv4/DHCP]Netmask": 24}
-    assert set_settings(camera, lost).commands == [ifconfig(link_local)]
-    assert ipv4_of_kernel(camera) == [
-        labelled(link_local),
-        labelled("192.168.0.20/24", "eth0:1"),
-    ]
-
-
-def test_a_lost_lease_without_link_local_runs_nothing_and_is_an_apply_error(
-    leased_camera: Camera,
-) -> None:
-    leased_camera.api_set({"[IPv4/LocalLink]Enabled": False})
-    assert set_settings(leased_camera, {"[IPv4/DHCP]Address": "0.0.0.0"}) == Outcome(
-        answer(APPLY_ERROR, success=True),
-        [],
-        [
-            APPLYING_IPV4,
-            "<5>json_response_add_error: Adding error 1 to JSON response: "
-            "There was an error in applying the settings",
-        ],
-    )
-    assert ipv4_of_kernel(leased_camera) == [labelled("10.1.2.3/24")]
-
-
-def test_a_lost_lease_draws_an_address_when_none_was_put_beside_the_alias(
-    make_camera: MakeCamera,
-) -> None:
-    camera = make_camera(variables={"vesko_ipv4_link_local_enable": "0"})
-    start_with_free_addresses(camera)
-    assert ipv4_of_kernel(camera) == [labelled("192.168.0.20/24")]
-    lost = {
-        "[IPv4/LocalLink]Enabled": True,
-        "[IPv4/DHCP]Address": "0.0.0.0",
-        "[IPv4/DHCP]Netmask": 24,
-    }
-    outcome = set_settings(camera, lost)
-    link_local = stored(camera)["IPv4.LocalLink.Address"]
-    assert outcome == Outcome(
-        SUCCESS,
-        [probe(link_local), ifconfig(f"{link_local}/16")],
-        [APPLYING_IPV4, *ifconfig_log(f"{link_local}/16")],
-    )
-    assert ipv4_of_kernel(camera) == [labelled(f"{link_local}/16")]
-
-
-def test_a_lease_taken_back_brings_the_remembered_addresses_again(leased_camera: Camera) -> None:
-    link_local = stored(leased_camera)["IPv4.LocalLink.Address"]
-    no_lease = {"[IPv4/DHCP]Address": None}
-    assert set_settings(leased_camera, no_lease) == Outcome(
-        SUCCESS,
-        [
-            probe(link_local),
-            probe("192.168.0.20"),
-            ifconfig(f"{link_local}/16"),
-            ifconfig("192.168.0.20/24", "eth0:1"),
-            *done(MULTICAST_ROUTE),
-        ],
-        [APPLYING_IPV4, *ifconfig_log(f"{link_local}/16"), *ifconfig_log("192.168.0.20/24")],
-    )
-    assert destinations(leased_camera) == ["169.254.0.0/16", "192.168.0.0/24", MULTICAST_NETWORK]
-
-
-@pytest.mark.parametrize("address", ["0.0.0.00", "0.0.0.1", "127.0.0.1", ""])
-def test_of_the_addresses_that_are_not_unicast_only_0_0_0_0_is_a_lease(
-    leased_camera: Camera, address: str
-) -> None:
-    request = {"[IPv4/DHCP]Address": address}
-    fault = error(3, f"String '{address}' wasn't a valid IPv4 address", "[IPv4/DHCP]Address")
-    assert set_settings(leased_camera, request) == refusal(request, fault)
-    assert ipv4_of_kernel(leased_camera) == [labelled("10.1.2.3/24")]
-
-
 # An NFS root
 
 
 def test_an_nfs_root_gets_the_multicast_route_and_no_address(make_camera: MakeCamera) -> None:
-    camera = make_camera(kernel_command_line="console=ttyS0 root=/dev/nfs ip=dhcp\n", variables=MANUAL)
+    camera = make_camera(
+        kernel_command_line="console=ttyS0 root=/dev/nfs ip=dhcp\n", variables=MANUAL
+    )
     camera.run(["ip", "address", "add", "10.0.0.9/24", "dev", "eth0"], check=True)
     assert start(camera) == ["READY=1"]
     assert camera.commands() == boot_commands(done(MULTICAST_ROUTE))

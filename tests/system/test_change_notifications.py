@@ -40,11 +40,17 @@ def mtu(value: int) -> Signal:
 
 
 def change(camera: Camera, **settings: Any) -> None:
-    """Set settings, named without brackets: the request must succeed."""
+    """Set settings, named without brackets: the request must succeed.
+
+    Of a new MTU the signal is waited for: the next change would take its place.
+    """
     keys = {"address": "[IPv4/Manual]Address", "ipv6": "[IPv6/Manual]Addresses"}
     keys |= {"mtu": "[NIC/eth0]MTU", "ipv6_enabled": "[IPv6]Enabled"}
     request = {keys[name]: value for name, value in settings.items()}
+    is_new_mtu = settings.get("mtu") not in (None, camera.get("[NIC/eth0]MTU"))
     assert camera.api_set_text(compact(request)) == SUCCESS
+    if is_new_mtu:
+        assert camera.wait_signal("MTUChange") == mtu(settings["mtu"])
 
 
 def started(make_camera: MakeCamera) -> Camera:
@@ -180,6 +186,7 @@ def test_an_mtu_that_could_not_be_set_is_announced_too(make_camera: MakeCamera) 
     camera = started(make_camera)
     rule = camera.rule("/sbin/ip link set eth0 mtu 1400", status=2)
     response = camera.api_set_text('{"[NIC/eth0]MTU": 1400}')
+    camera.wait_signal("MTUChange")
     rule.release()
     assert response == answer(APPLY_ERROR, success=True)
     assert all_signals(camera) == [mtu(1400)]
@@ -225,6 +232,7 @@ def test_a_change_that_others_made_is_announced_with_the_next_request(
 
 def test_one_signal_is_sent_a_turn_of_the_main_loop(make_camera: MakeCamera) -> None:
     camera = started(make_camera)
+    camera.wait_log("Sending DBUS Signal MTUChange=1471")
     logged = len(camera.log_lines())
     change(camera, mtu=1400, ipv6=["2001:db8::a/64", "2001:db8::b/64"], address="192.0.2.11")
     camera.wait_log("Sending DBUS Signal MTUChange=1400")

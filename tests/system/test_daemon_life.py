@@ -105,13 +105,17 @@ def test_requests_that_come_during_the_start_are_answered_in_order_after_it(
     with camera.system_bus.connect() as bus:
         for key in keys:
             text = f'{{"settings": ["{key}"]}}'
-            bus.send(new_method_call(daemon, "api_get", "s", (text,)), serial=1000 + keys.index(key))
+            bus.send(
+                new_method_call(daemon, "api_get", "s", (text,)), serial=1000 + keys.index(key)
+            )
         # Whatever was sent before this call has reached the bus when it is answered.
         bus.send_and_get_reply(message_bus.GetNameOwner(NAME), timeout=10)
         assert camera.notifications() == []
         hung.release()
         answers = [bus.receive(timeout=30) for _ in keys]
-    assert [(reply.header.fields[HeaderFields.reply_serial], reply.body[0]) for reply in answers] == [
+    assert [
+        (reply.header.fields[HeaderFields.reply_serial], reply.body[0]) for reply in answers
+    ] == [
         (1000, answer(success=True, **{"[NIC/eth0]MTU": 1500})),
         (1001, answer(success=True, **{"[IPv4/Actual]Address": MANUAL_ADDRESS})),
         (1002, answer(success=True, **{"[Settings]Apply": True})),
@@ -145,7 +149,6 @@ def test_a_terminating_signal_ends_the_daemon_in_order(
     make_camera: MakeCamera, number: signal.Signals
 ) -> None:
     camera = start_manual(make_camera)
-    camera.wait_log("Sending DBUS Signal IPv4AddressChange")
     logged = camera.log_lines()
     assert camera.stop_daemon(number) == 0
     assert camera.stdout() == SIGNAL_LINE.format(int(number))
@@ -156,7 +159,6 @@ def test_a_terminating_signal_ends_the_daemon_in_order(
 
 def test_a_bus_that_goes_away_ends_the_daemon_in_order(make_camera: MakeCamera) -> None:
     camera = start_manual(make_camera)
-    camera.wait_signal("IPv4AddressChange")
     logged = len(camera.log_lines())
     camera.stop_bus()
     assert camera.wait_daemon() == 0

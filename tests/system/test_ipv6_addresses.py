@@ -284,8 +284,6 @@ def test_16_addresses_are_taken_and_17_are_not(ipv6_camera: Camera) -> None:
         ([["2001:db8::1/64"]], "Found unexpected non-string in JSON array"),
     ],
 )
-def test_what_is_no_list_of_texts_is_refused(
-    ipv6_camera: Camera, value: Any, message: str
-) -> None:
+def test_what_is_no_list_of_texts_is_refused(ipv6_camera: Camera, value: Any, message: str) -> None:
     request = {MANUAL: value}
     assert set_settings(ipv6_camera, request) == refusal(request, error(3, message, MANUAL))

@@ -263,3 +263,12 @@ TEST_F(setting_requests, an_empty_member_name_is_a_name)
     ASSERT_TRUE(request);
     EXPECT_EQ(walk_items(*request), (Lines{"=1", "=2!"}));
 }
+
+TEST_F(setting_requests, an_escaped_zero_byte_that_would_cut_a_text_does_not_parse)
+{
+    const std::string expected = malformed("The provided JSON didn't parse");
+    EXPECT_EQ(refused(json_set_request_new, R"({"[NIC/eth0]MTU\u0000x":1400})"), expected);
+    EXPECT_EQ(refused(json_get_request_new, R"({"settings":["[NIC/eth0]MTU\u0000"]})"), expected);
+    // A backslash that is itself escaped begins no escape.
+    EXPECT_EQ(walk_items(*new_set_request(R"({"a\\u0000":1})")), Lines{R"(a\u0000=1)"});
+}
