@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,13 @@ struct GroupedSave {
     std::string json_text;
 };
 bool group_is_open = false;
+// A write of the open group has failed: none of the group's later ones is tried, so that it is stored whole
+// or not at all, and a store that keeps one waiting does so once.
+bool group_has_failed = false;
 std::vector<GroupedSave> grouped_saves;
+// Framework keys whose last write to the store failed. They count as being changed until a write succeeds, so
+// that a client that sends the same value again has it stored.
+std::set<std::string> failed_saves;
 
 OwnedText try_copy(const char* text)
 {
@@ -82,12 +89,26 @@ int get_stored_text(const char* framework_key, OwnedMallocText& text)
 
 bool store_text(const char* framework_key, const char* json_text)
 {
-    if (settings == nullptr || trell_core_settings_set_json_value(settings, framework_key, json_text) != 0)
-        return false;
-    if (!group_is_open)
-        return trell_core_settings_commit(settings) == 0;
-    grouped_saves.push_back({framework_key, json_text});
-    return true;
+    const bool written = settings != nullptr && !group_has_failed &&
+                         trell_core_settings_set_json_value(settings, framework_key, json_text) == 0;
+    if (written && group_is_open) {
+        grouped_saves.push_back({framework_key, json_text});
+        return true;
+    }
+    if (written && trell_core_settings_commit(settings) == 0) {
+        failed_saves.erase(framework_key);
+        return true;
+    }
+    group_has_failed = group_is_open;
+    failed_saves.insert(framework_key);
+    return false;
+}
+
+bool has_failed_to_be_saved(const char* key)
+{
+    OwnedText framework_key;
+    return !failed_saves.empty() && get_trell_settings_key(key, framework_key) &&
+           failed_saves.contains(framework_key.get());
 }
 
 } // namespace
@@ -272,7 +293,8 @@ bool setting_is_being_changed(const cJSON* item)
     }
     const OwnedMallocText current_text(cJSON_PrintUnformatted(current.get()));
     const OwnedMallocText proposed_text(cJSON_PrintUnformatted(item));
-    return !current_text || !proposed_text || std::strcmp(current_text.get(), proposed_text.get()) != 0;
+    return !current_text || !proposed_text || std::strcmp(current_text.get(), proposed_text.get()) != 0 ||
+           has_failed_to_be_saved(item->string);
 }
 
 bool save_or_hold_setting(const cJSON* item, Keep keep, Unchanged unchanged)
@@ -406,19 +428,29 @@ OwnedStringArray get_string_array(const char* key)
 void begin_save_group()
 {
     group_is_open = true;
+    group_has_failed = false;
     grouped_saves.clear();
 }
 
 bool end_save_group()
 {
     group_is_open = false;
+    group_has_failed = false;
     const std::vector<GroupedSave> saves = std::exchange(grouped_saves, {});
-    if (saves.empty() || trell_core_settings_commit(settings) == 0)
-        return true;
-    for (const GroupedSave& save : saves)
+    const bool durable = saves.empty() || trell_core_settings_commit(settings) == 0;
+    for (const GroupedSave& save : saves) {
+        if (durable) {
+            failed_saves.erase(save.framework_key);
+            continue;
+        }
         log_message(LEVEL_ERROR, "%s: Could not set %s = %s to settings", __func__,
                     save.framework_key.c_str(), save.json_text.c_str());
-    return false;
+        failed_saves.insert(save.framework_key);
+        // What rows of the boot environment hold beside the store: it is not what is stored, and is not
+        // applied.
+        g_hash_table_remove(held_values, save.framework_key.c_str());
+    }
+    return durable;
 }
 
 std::size_t saves_in_group()

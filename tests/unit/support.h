@@ -5,7 +5,9 @@
 #include "core/owned.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <utility>
@@ -40,6 +42,29 @@ protected:
     std::vector<std::string> take_important_log();
 
     std::filesystem::path scratch;
+};
+
+// Makes every file that grows beyond its present size fail, as a full disk does.
+class FullDisk {
+public:
+    explicit FullDisk(const std::filesystem::path& largest_file)
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &before_);
+        rlimit full = before_;
+        full.rlim_cur = std::filesystem::file_size(largest_file);
+        setrlimit(RLIMIT_FSIZE, &full);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+    ~FullDisk()
+    {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, SIG_DFL);
+    }
+
+private:
+    rlimit before_{};
 };
 
 // A JSON item from its text, with its key attached where one is given.

@@ -3,10 +3,8 @@
 #include "settings/setting_store.h"
 #include "support.h"
 
-#include <sys/resource.h>
 
 #include <algorithm>
-#include <csignal>
 #include <ctime>
 
 namespace {
@@ -73,29 +71,6 @@ std::string answer_without_memory(Call call, const char* request)
     cJSON_InitHooks(nullptr);
     return response;
 }
-
-// Makes every file that grows beyond its present size fail, as a full disk does.
-class FullDisk {
-public:
-    explicit FullDisk(const std::filesystem::path& largest_file)
-    {
-        std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit full = before_;
-        full.rlim_cur = std::filesystem::file_size(largest_file);
-        setrlimit(RLIMIT_FSIZE, &full);
-    }
-    FullDisk(const FullDisk&) = delete;
-    FullDisk& operator=(const FullDisk&) = delete;
-    ~FullDisk()
-    {
-        setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, SIG_DFL);
-    }
-
-private:
-    rlimit before_{};
-};
 
 std::string request_of_unknown_keys(Call call, int count)
 {

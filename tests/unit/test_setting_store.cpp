@@ -281,3 +281,36 @@ TEST_F(setting_store, an_empty_group_ends_well)
     EXPECT_TRUE(end_save_group());
     EXPECT_EQ(take_log(), Log());
 }
+
+TEST_F(setting_store, a_value_that_could_not_be_stored_counts_as_changed_until_it_is)
+{
+    EXPECT_TRUE(save_setting(setting("[NTP]Enabled", "false").get()));
+    {
+        const FullDisk full(scratch / "settings.db-wal");
+        EXPECT_FALSE(save_setting(setting("[NIC/eth0]MTU", "1400").get()));
+        EXPECT_TRUE(setting_is_being_changed(setting("[NIC/eth0]MTU", "1500").get()));
+    }
+    EXPECT_TRUE(save_setting(setting("[NIC/eth0]MTU", "1500").get()));
+    EXPECT_FALSE(setting_is_being_changed(setting("[NIC/eth0]MTU", "1500").get()));
+    restart_store();
+    EXPECT_EQ(stored(find_setting("[NIC/eth0]MTU")), "1500");
+}
+
+TEST_F(setting_store, a_boot_environment_key_whose_commit_failed_is_stored_when_it_is_sent_again)
+{
+    const SettingDef* row = find_setting("[IPv4/Manual]Address");
+    EXPECT_TRUE(row->save(setting(row->key, "\"10.0.0.5\"").get()));
+    begin_save_group();
+    {
+        const FullDisk full(scratch / "settings.db-wal");
+        EXPECT_TRUE(row->save(setting(row->key, "\"10.0.0.6\"").get()));
+        EXPECT_FALSE(end_save_group());
+    }
+    EXPECT_EQ(value_of(row->key), "\"10.0.0.5\"");
+    begin_save_group();
+    EXPECT_TRUE(row->save(setting(row->key, "\"10.0.0.6\"").get()));
+    EXPECT_EQ(saves_in_group(), 1U);
+    EXPECT_TRUE(end_save_group());
+    restart_store();
+    EXPECT_EQ(value_of(row->key), "\"10.0.0.6\"");
+}
