@@ -4,12 +4,6 @@
 
 #include <bit>
 
-namespace {
-
-constexpr unsigned ADDRESS_BITS = 32;
-
-} // namespace
-
 std::uint32_t ipv4_str_to_uint(const char* text)
 {
     in_addr address{};
@@ -20,9 +14,9 @@ std::uint32_t ipv4_str_to_uint(const char* text)
 
 OwnedText prefix_to_netmask(unsigned length)
 {
-    const std::uint32_t mask = length == 0              ? 0
-                               : length >= ADDRESS_BITS ? UINT32_MAX
-                                                        : UINT32_MAX << (ADDRESS_BITS - length);
+    const std::uint32_t mask = length == 0                   ? 0
+                               : length >= IPV4_ADDRESS_BITS ? UINT32_MAX
+                                                             : UINT32_MAX << (IPV4_ADDRESS_BITS - length);
     const in_addr address{htonl(mask)};
     OwnedText text(static_cast<char*>(g_malloc0(INET_ADDRSTRLEN)));
     inet_ntop(AF_INET, &address, text.get(), INET_ADDRSTRLEN);

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+inline constexpr unsigned IPV4_ADDRESS_BITS = 32;
+
 // The address as a number in host byte order (first octet in the top bits), 0 when the text is no IPv4
 // address.
 std::uint32_t ipv4_str_to_uint(const char* text);

@@ -105,17 +105,18 @@ std::uint32_t* signal_flags_of(GSource* source)
 
 void init_signal_queues(std::uint32_t* flags, MsgBus* bus)
 {
+    clear_signal_queues();
     pending_flags = flags;
     *pending_flags = 0;
     signal_bus = bus;
-    added_addresses.reset(g_queue_new());
-    removed_addresses.reset(g_queue_new());
 }
 
 void clear_signal_queues()
 {
     g_queue_clear_full(added_addresses.get(), g_free);
     g_queue_clear_full(removed_addresses.get(), g_free);
+    // The flags go with their source: nothing can be marked any more.
+    pending_flags = nullptr;
 }
 
 void mark_signal_flag(std::uint32_t bit)

@@ -3,6 +3,7 @@
 #include "core/log.h"
 #include "core/owned.h"
 
+#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -54,12 +55,41 @@ ShellCommand::ShellCommand(const char* format, ...)
     va_end(arguments);
 }
 
+void ShellCommand::append(const char* text)
+{
+    if (!refused())
+        text_ += text;
+}
+
+void ShellCommand::append_quoted(const char* value)
+{
+    constexpr char UNQUOTED_BYTES[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
+    if (value[std::strspn(value, UNQUOTED_BYTES)] == '\0')
+        append(value);
+    else
+        append(OwnedText(g_shell_quote(value)).get());
+}
+
+bool start_in_background(const ShellCommand& command)
+{
+    return !command.refused() && g_spawn_command_line_async(command.text(), nullptr);
+}
+
 int run_shell(const ShellCommand& command)
 {
     if (command.refused())
         return REFUSED_STATUS << 8;
-    // The shell's status is the result; the commands' own output goes where the daemon's goes.
-    return std::system(command.text());
+    // While a command runs, `system` ignores SIGINT; blocked, it waits instead, and then ends the daemon as
+    // any other does. The commands inherit that: what is typed at a terminal must not end a probe as if
+    // nobody had answered.
+    sigset_t interrupt;
+    sigset_t before;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    sigprocmask(SIG_BLOCK, &interrupt, &before);
+    const int raw_status = std::system(command.text());
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    return raw_status;
 }
 
 int exit_status(int raw_status)

@@ -12,6 +12,11 @@ class ShellCommand {
 public:
     explicit ShellCommand(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+    // Appends a fixed text, and a value that stands inside an argument: as it is when it is empty or of the
+    // bytes A-Za-z0-9._- only, else quoted as the shell quotes. A refused command stays refused.
+    void append(const char* text);
+    void append_quoted(const char* value);
+
     // What would be run; empty when the command is refused.
     const char* text() const { return text_.c_str(); }
     bool refused() const { return text_.empty(); }
@@ -23,6 +28,10 @@ private:
 // Runs the command and waits for its end. The raw wait status of `system`; REFUSED_STATUS << 8 for a refused
 // one. Logs nothing.
 int run_shell(const ShellCommand& command);
+
+// Starts the command without a shell and without waiting for it; nobody watches its end. False when it could
+// not be started or is refused.
+bool start_in_background(const ShellCommand& command);
 
 // Bits 8 to 15 of a raw wait status. A shell killed by a signal counts as 0.
 int exit_status(int raw_status);

@@ -17,14 +17,11 @@ namespace {
 
 constexpr char LINK_LOCAL_KEY[] = "[IPv4/LocalLink]Address";
 constexpr char FALLBACK_KEY[] = "[IPv4/VeskoConf]Address";
-// Stands for a lease that was lost.
-constexpr char LOST_LEASE[] = "0.0.0.0";
 
 constexpr int LINK_LOCAL_PREFIX_LENGTH = 16;
 constexpr int FALLBACK_PREFIX_LENGTH = 24;
 constexpr std::uint8_t FIRST_FALLBACK_HOST = 20;
 constexpr std::uint8_t LAST_FALLBACK_HOST = 254;
-constexpr unsigned ADDRESS_BITS = 32;
 // Third and fourth octet of the link-local network's broadcast address.
 constexpr std::uint32_t LINK_LOCAL_BROADCAST = 0xFFFF;
 
@@ -172,7 +169,8 @@ bool _do_ifconfig(const char* label_suffix, const char* address, unsigned prefix
 {
     const OwnedText interface(g_strconcat("eth0", label_suffix, nullptr));
     const OwnedText netmask = prefix_to_netmask(prefix_length);
-    const std::uint32_t host_bits = (std::uint32_t{1} << ((ADDRESS_BITS - prefix_length) % ADDRESS_BITS)) - 1;
+    const std::uint32_t host_bits =
+        (std::uint32_t{1} << ((IPV4_ADDRESS_BITS - prefix_length) % IPV4_ADDRESS_BITS)) - 1;
     const std::uint32_t broadcast = ipv4_str_to_uint(address) | host_bits;
     log_message(LEVEL_INFO, "%s: Setting IPv4 address=%s/%d", __func__, address,
                 static_cast<int>(prefix_length));
@@ -200,7 +198,7 @@ OwnedText _get_unused_ipv4_link_local_address()
         OwnedText remembered(g_strdup(value->valuestring));
         if (remembered == nullptr)
             log_message(LEVEL_CRITICAL, "%s:%d: out of memory", HERE);
-        else if (probe_ipv4_address(remembered.get()) == Probe::FREE)
+        else if (probe_ipv4_address(remembered.get()) != Probe::TAKEN)
             return remembered;
     }
     OwnedText candidate = draw_link_local_address();

@@ -4,6 +4,9 @@
 
 #include "core/owned.h"
 
+// What "[IPv4/DHCP]Address" holds when a lease was lost.
+inline constexpr char LOST_LEASE[] = "0.0.0.0";
+
 // Configures the address of eth0 and of its alias eth0:1.
 bool set_ipv4_addresses();
 

@@ -16,8 +16,6 @@ namespace {
 
 constexpr int MINIMUM_PREFIX_LENGTH = 1;
 constexpr int MAXIMUM_PREFIX_LENGTH = 31;
-// A lease that was lost, as the DHCP client's side reports it.
-constexpr char LOST_LEASE[] = "0.0.0.0";
 
 // Rewrites a dotted netmask without holes as its prefix length; false for any other text.
 bool convert_netmask_to_length(cJSON* item)

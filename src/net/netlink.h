@@ -27,7 +27,8 @@ using NetlinkInfoList = std::unique_ptr<quarn_netlink_info, Releaser<free_netlin
 inline constexpr std::int32_t GATEWAY_LEARNED = 1;
 inline constexpr std::int32_t GATEWAY_FROM_USER = 2;
 
-// One message and the index of eth0 in, a new record (or a chain of them, in the order in which they shall stand) or null out.
+// One message and the index of eth0 in, a new record (or a chain of them, in the order in which they shall
+// stand) or null out.
 using NetlinkCallback = quarn_netlink_info* (*)(const nlmsghdr* message, unsigned eth0_index);
 quarn_netlink_info* ip_addr_callback(const nlmsghdr* message, unsigned eth0_index);
 quarn_netlink_info* stateless_addr_callback(const nlmsghdr* message, unsigned eth0_index);

@@ -271,7 +271,7 @@ TEST_F(ipv4_addresses, a_stored_text_that_is_no_address_is_neither_probed_nor_us
     }
 }
 
-TEST_F(ipv4_addresses, without_a_prober_the_first_drawn_address_and_the_chosen_fallback_are_taken)
+TEST_F(ipv4_addresses, without_a_prober_the_addresses_that_were_chosen_before_stay)
 {
     for (const int status : {126, 127}) {
         save_text_setting("[IPv4/LocalLink]Address", "169.254.3.4", Unchanged::WRITTEN);
@@ -279,21 +279,28 @@ TEST_F(ipv4_addresses, without_a_prober_the_first_drawn_address_and_the_chosen_f
         recorded_shell = {};
         recorded_shell.statuses = {{"arping", status}};
         take_log();
-        const std::string drawn = drawn_after(SEED, 1)[0];
         EXPECT_TRUE(set_ipv4_addresses());
         EXPECT_EQ(
             recorded_shell.commands,
-            (Commands{probe("169.254.3.4"), probe(drawn), probe("192.168.0.77"), link_local_command(drawn),
+            (Commands{probe("169.254.3.4"), probe("192.168.0.77"), link_local_command("169.254.3.4"),
                       "/sbin/ifconfig eth0:1 192.168.0.77 netmask 255.255.255.0 broadcast 192.168.0.255",
                       MULTICAST}));
-        EXPECT_EQ(stored("[IPv4/LocalLink]Address"), "\"" + drawn + "\"");
+        EXPECT_EQ(stored("[IPv4/LocalLink]Address"), "\"169.254.3.4\"");
         Log errors = take_log();
         std::erase_if(errors, [](const std::string& line) { return !line.starts_with("<3>"); });
         const std::string end = ", arping returned " + std::to_string(status);
         EXPECT_EQ(errors, (Log{"<3>probe_ipv4_address: Can't probe 169.254.3.4" + end,
-                               "<3>probe_ipv4_address: Can't probe " + drawn + end,
                                "<3>probe_ipv4_address: Can't probe 192.168.0.77" + end}));
     }
+}
+
+TEST_F(ipv4_addresses, without_a_prober_the_first_drawn_address_is_taken_and_remembered)
+{
+    recorded_shell.statuses = {{"arping", 127}};
+    const std::string drawn = drawn_after(SEED, 1)[0];
+    EXPECT_STREQ(_get_unused_ipv4_link_local_address().get(), drawn.c_str());
+    EXPECT_EQ(recorded_shell.commands, Commands{probe(drawn)});
+    EXPECT_EQ(stored("[IPv4/LocalLink]Address"), "\"" + drawn + "\"");
 }
 
 TEST_F(ipv4_addresses, without_a_prober_the_first_fallback_is_taken)

@@ -86,7 +86,9 @@ TEST_F(platform_logging, a_message_is_one_line_with_its_priority)
 
 TEST_F(platform_logging, control_bytes_cannot_begin_a_second_line)
 {
-    log(4, "request: %s", "a\n<2>forged\r\x1b[2J\x7f\tb \xc3\xa9 \xc2\x9b" "2J");
+    log(4, "request: %s",
+        "a\n<2>forged\r\x1b[2J\x7f\tb \xc3\xa9 \xc2\x9b"
+        "2J");
     EXPECT_EQ(take_log(), Lines{"<4>request: a\\x0a<2>forged\\x0d\\x1b[2J\\x7f\\x09b \xc3\xa9 \xc2\\x9b2J"});
 }
 
