@@ -11,10 +11,18 @@ import time
 
 from camlab import Camera
 from camlab.namespaces import ENVIRONMENT
+from camlab.programs import build_folder
 from camlab.terminal import run_attached
 
 SERVICE = "com.vesko.networkingV2 /com/vesko/networkingV2 com.vesko.networkingV2"
 PEER = "192.168.0.20"
+DHCP_SERVER = [
+    *("dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--port=0", "--leasefile-ro"),
+    *("--interface=lan0", "--bind-interfaces", "--dhcp-authoritative", "--dhcp-sequential-ip"),
+    "--dhcp-range=192.168.0.100,192.168.0.150,255.255.255.0,10m",
+    *("--dhcp-option=option:router,192.168.0.1", "--dhcp-option=option:dns-server,192.168.0.53"),
+    "--dhcp-option=option:ntp-server,192.168.0.123",
+]
 
 
 class Demo:
@@ -144,6 +152,36 @@ def show_job(demo: Demo) -> None:
     demo.expect("the settings survived", answer["[IPv4/Manual]Address"] == "192.168.0.90")
 
 
+def show_lease(demo: Demo) -> None:
+    """A DHCP server appears on the LAN, and the camera goes over to its lease."""
+    camera = demo.camera
+    demo.step("A DHCP server comes up on the LAN, and the camera is told to use DHCP:")
+    print(f"   lan# {shlex.join(DHCP_SERVER)}", flush=True)
+    camera.lan.start(DHCP_SERVER)
+    camera.clear_signals()
+    demo.call("api_set", {"[IPv4/DHCP]Enabled": True})
+    camera.wait_until(lambda: camera.get("[IPv4/DHCP]Address"), "a lease has been reported")
+    camera.wait_until(lambda: camera.addresses(4) == ["192.168.0.100/24"], "the lease is on eth0")
+    keys = [
+        "[IPv4/Actual]Address",
+        "[IPv4/DHCP]Gateways",
+        "[DNS/IPv4/DHCP]Servers",
+        "[NTP/IPv4/DHCP]Servers",
+    ]
+    answer = demo.call("api_get", {"settings": keys})
+    demo.expect(
+        "the lease's address, gateway, DNS and NTP servers are its settings",
+        answer["[DNS/IPv4/DHCP]Servers"] == ["192.168.0.53"],
+    )
+    shown = demo.show(
+        "camera", "ip route show default; cat /etc/resolv.conf; tail -n 3 /etc/ntp.conf"
+    )
+    demo.expect(
+        "and true in the kernel and in the services' files",
+        "via 192.168.0.1" in shown and "nameserver 192.168.0.53" in shown,
+    )
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(
         prog="./run", description="Show the daemon's main job in a virtual camera."
@@ -153,7 +191,8 @@ def main() -> int:
     )
     arguments = parser.parse_args()
     started = time.monotonic()
-    with Camera() as camera:
+    keeper = {"/usr/sbin/ntp-keeper": str(build_folder() / "ntp-keeper")}
+    with Camera(install=keeper) as camera:
         print(
             f"\nA virtual camera is up after {time.monotonic() - started:.2f} s: network, mount, PID and UTS namespaces of its"
         )
@@ -161,8 +200,11 @@ def main() -> int:
             "own, eth0 on a LAN with one other host, a system bus, a boot environment. Nothing of it touches this machine."
         )
         camera.lan.own(PEER)
+        # Stands in for the supervisor of the time daemon, which is part of a camera's own image.
+        camera.start(["ntp-keeper"])
         demo = Demo(camera)
         show_job(demo)
+        show_lease(demo)
         print(
             "\nAll of it held." if not demo.failed else "\nNot all of it held: see above.",
             flush=True,

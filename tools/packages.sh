@@ -3,21 +3,40 @@
 
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config libcjson-dev libglib2.0-dev libsystemd-dev libsqlite3-dev
     libubootenv-dev libgtest-dev"
-# What the camera's system has: the tools that the daemon runs, the bus, and the camera program's own needs.
+# What the camera's system has: the tools that the daemon runs, the bus, and the camera program's own needs; then
+# what its LAN has.
 CAMERA_PACKAGES="dbus systemd iproute2 net-tools busybox hostname ethtool iptables procps sysvinit-utils
-    libubootenv-tool python3 python3-jeepney"
-TEST_PACKAGES="python3-pytest python3-pytest-xdist clang clang-format clang-tidy libclang-rt-14-dev git shellcheck"
+    isc-dhcp-client rdnssd nginx-light openssl libubootenv-tool python3 python3-jeepney
+    dnsmasq-base curl iperf3"
+TEST_PACKAGES="python3-pytest python3-pytest-xdist clang clang-format clang-tidy libclang-rt-14-dev git shellcheck
+    ntpsec"
+# They are for the camera only: this machine's own services stay as they are.
+SERVICES_NOT_WANTED="nginx rdnssd ntpsec"
 
-# install_packages PACKAGE...: installs those that are missing, if any.
+# install_packages PACKAGE...: installs those that are missing, if any, and starts and enables none of their services.
 install_packages() {
-    local missing=() package
+    local missing=() package policy=/usr/sbin/policy-rc.d had_policy=yes
     for package in "$@"; do
         dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
     echo "installing: ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    if [ ! -e "$policy" ]; then
+        had_policy=no
+        printf '#!/bin/sh\nexit 101\n' >"$policy"
+        chmod 755 "$policy"
+    fi
+    local result=0 service
+    { apt-get update -qq &&
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null; } ||
+        result=$?
+    [ "$had_policy" = yes ] || rm -f "$policy"
+    for service in $SERVICES_NOT_WANTED; do
+        case " ${missing[*]} " in
+        *" $service"*) systemctl disable "$service" >/dev/null 2>&1 || true ;;
+        esac
+    done
+    return $result
 }
 
 need_root() {

@@ -35,6 +35,15 @@ MAC = "00:00:5e:00:53:01"
 DAEMON = "/usr/sbin/quarn"
 STORE = "/var/lib/quarn"
 _POLICY = "/usr/share/dbus-1/system.d/com.vesko.networkingV2.conf"
+_LEASE_HELPER = "/usr/lib/quarn/quarn-dhcp-event"
+# Where each client looks for its script: busybox, as its maker and as Debian build it, dhclient, rdnssd.
+_LEASE_SCRIPTS = {
+    "/usr/share/udhcpc/default.script": "udhcpc.script",
+    "/etc/udhcpc/default.script": "udhcpc.script",
+    "/usr/lib/quarn/dhclient.script": "dhclient.script",
+    "/usr/lib/quarn/rdnssd.hook": "rdnssd.hook",
+    "/etc/isc-dhcp/isc_dhclient6.conf": "isc_dhclient6.conf",
+}
 _COMMAND_LINE = "/.camlab/cmdline"
 # The camera's own places of what only its board has, or of what Debian puts elsewhere.
 _BUSYBOX_LINKS = ("/usr/sbin/arping", "/usr/sbin/udhcpc")
@@ -373,6 +382,7 @@ class Camera(Machine):
         optional = {
             DAEMON: self.options.binary or daemon_binary(),
             "/usr/bin/quarnctl": str(build_folder() / "quarnctl"),
+            **_lease_reporting(),
         }
         binds.update({inside: host for inside, host in optional.items() if os.path.exists(host)})
         binds.update(self.options.install)
@@ -404,3 +414,15 @@ class Camera(Machine):
         if self._client is not None:
             self._client.close()
             self._client = None
+
+
+def _lease_reporting() -> dict[str, str]:
+    """What the DHCP clients and rdnssd call, once it is built."""
+    helper_binary = build_folder() / "quarn-dhcp-event"
+    if not helper_binary.exists():
+        return {}
+    scripts = CHECKOUT / "tools" / "dhcp"
+    return {
+        _LEASE_HELPER: str(helper_binary),
+        **{inside: str(scripts / name) for inside, name in _LEASE_SCRIPTS.items()},
+    }

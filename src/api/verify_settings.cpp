@@ -3,6 +3,10 @@
 #include "api/json_response.h"
 #include "api/setting_request.h"
 #include "core/log.h"
+#include "net/ethtool.h"
+#include "services/tcp_ports.h"
+#include "services/traffic_shaping.h"
+#include "services/web_server.h"
 #include "settings/setting_store.h"
 
 namespace {
@@ -17,26 +21,27 @@ bool will_be_true(const cJSON* proposed, const char* key)
 }
 
 // DHCPv6 finds its way by router advertisements. The texts say "stateless" and stay so: clients know them.
-bool verify_group_accept_ra(const SettingRequest& request, JsonResponse& response)
+bool verify_group_accept_ra(SettingRequest* request, JsonResponse* response)
 {
-    const cJSON* stateful = json_request_find(request, STATEFUL_ENABLED);
-    const cJSON* accept_ra = json_request_find(request, ACCEPT_RA);
+    const cJSON* stateful = json_request_find(*request, STATEFUL_ENABLED);
+    const cJSON* accept_ra = json_request_find(*request, ACCEPT_RA);
     if (stateful == nullptr && accept_ra == nullptr)
         return true;
     if (!will_be_true(stateful, STATEFUL_ENABLED) || will_be_true(accept_ra, ACCEPT_RA))
         return true;
     if (stateful != nullptr)
-        json_response_add_error(response, ERROR_ROUTER_ADVERTISEMENT, STATEFUL_ENABLED,
+        json_response_add_error(*response, ERROR_ROUTER_ADVERTISEMENT, STATEFUL_ENABLED,
                                 "Stateless configuration requires accepting RA");
     if (accept_ra != nullptr)
-        json_response_add_error(response, ERROR_ROUTER_ADVERTISEMENT, ACCEPT_RA,
+        json_response_add_error(*response, ERROR_ROUTER_ADVERTISEMENT, ACCEPT_RA,
                                 "Accepting RA is required to support stateless configuration");
     return false;
 }
 
 // All are run, in this order, whatever the earlier ones found.
-constexpr bool (*GROUP_CHECKS[])(const SettingRequest& request, JsonResponse& response) = {
-    verify_group_accept_ra,
+constexpr bool (*GROUP_CHECKS[])(SettingRequest* request, JsonResponse* response) = {
+    verify_group_http_or_https, verify_group_network_ports, verify_group_https_certificate,
+    verify_group_eth0_mode,     verify_group_accept_ra,     verify_group_trafficshaping_rates,
 };
 
 } // namespace
@@ -76,6 +81,6 @@ bool verify_settings(SettingRequest* request, JsonResponse* response)
         acceptable = acceptable && verified && row->save != nullptr;
     }
     for (const auto group_check : GROUP_CHECKS)
-        acceptable = group_check(*request, *response) && acceptable;
+        acceptable = group_check(request, response) && acceptable;
     return acceptable;
 }

@@ -5,6 +5,7 @@
 #include "core/process.h"
 #include "core/signals.h"
 #include "msgbus.h"
+#include "net/dhcp.h"
 #include "settings/setting_store.h"
 #include "trell_core.h"
 
@@ -55,6 +56,8 @@ void serve(GMainLoop* loop, MsgBus* bus)
     g_source_destroy(source);
     g_source_unref(source);
     msgbus_disconnect(bus);
+    stop_any_dhcpv4();
+    stop_any_dhcpv6();
     clear_signal_queues();
     deinit_setting_storage();
 }

@@ -8,6 +8,8 @@
 #include <net/if.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 namespace {
 
@@ -63,6 +65,50 @@ std::string text_of(const std::uint8_t* data, std::size_t size)
 {
     const std::string input(reinterpret_cast<const char*>(data), size);
     return input.c_str();
+}
+
+std::uint8_t Input::take_byte()
+{
+    const std::string byte = take(1);
+    return byte.empty() ? std::uint8_t{0} : static_cast<std::uint8_t>(byte.front());
+}
+
+std::size_t Input::take_number()
+{
+    const std::size_t low = take_byte();
+    return low | std::size_t{take_byte()} << 8;
+}
+
+std::string Input::take(std::size_t size)
+{
+    const std::string taken(left_.substr(0, size));
+    left_.remove_prefix(taken.size());
+    return taken;
+}
+
+std::string scratch_path(std::string_view name)
+{
+    return scratch + "/" + std::string(name);
+}
+
+void write_scratch_file(std::string_view name, std::string_view content)
+{
+    std::ofstream stream(scratch_path(name), std::ios::binary | std::ios::trunc);
+    stream.write(content.data(), static_cast<std::streamsize>(content.size()));
+    stream.close();
+    require(stream.good(), "the scratch directory takes a file");
+}
+
+std::string read_scratch_file(std::string_view name)
+{
+    std::ifstream stream(scratch_path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+void empty_scratch()
+{
+    for (const auto& entry : std::filesystem::directory_iterator(scratch))
+        std::filesystem::remove_all(entry.path());
 }
 
 void require(bool promise, const char* what)
