@@ -12,8 +12,14 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "camera"))
 
 from camlab import Camera, CameraError  # noqa: E402
+from expectations import silence_services  # noqa: E402
 
 _CAMERAS = pytest.StashKey[list[Camera]]()
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    """Name the tests' own marker."""
+    config.addinivalue_line("markers", "quiet: the cameras of these tests have silent services")
 
 
 @pytest.fixture
@@ -24,6 +30,8 @@ def make_camera(request: pytest.FixtureRequest) -> Iterator[Callable[..., Camera
 
     def make(**options: Any) -> Camera:
         cameras.append(Camera(**options))
+        if request.node.get_closest_marker("quiet"):
+            silence_services(cameras[-1])
         return cameras[-1]
 
     yield make

@@ -158,18 +158,138 @@ def start_with_free_addresses(camera: Camera, **variables: str) -> None:
     assert start(camera, **variables) == ["READY=1"]
 
 
-def boot_commands(
-    ipv4: list[Command], ipv6: list[Command] | None = None, loopback: int = 2
+# The start-up list's parts, in its order
+
+
+def shaping_classes(burst: int) -> list[Command]:
+    """The commands that make or replace the classes of eth0's tree."""
+    rates = (
+        (0, 1, f"rate 80000kbit ceil 80000kbit burst {burst}b "),
+        (1, 2, f"rate 79500kbit ceil 80000kbit burst {burst}b prio 4"),
+        (1, 3, f"rate 90kbit ceil 68000kbit burst {burst}b prio 3"),
+        (1, 4, f"rate 400kbit ceil 80000kbit burst {burst}b prio 2"),
+        (1, 5, f"rate 10kbit ceil 64000kbit burst {burst}b prio 1"),
+    )
+    return done(
+        *(
+            f"/sbin/tc class replace dev eth0 parent 1:{parent} classid 1:{number} htb {rate}"
+            for parent, number, rate in rates
+        )
+    )
+
+
+HOSTNAME = done("/bin/hostname -F /etc/hostname")
+_NFS_ROOT = "cat /proc/cmdline | grep -q 'root=/dev/nfs'"
+NO_NFS_ROOT = Command(_NFS_ROOT, 1)
+IPV4_FILTER = [NO_NFS_ROOT, *done("/usr/sbin/iptables-restore < /tmp/.quarn/iptables.rules")]
+FILTERS = [
+    *IPV4_FILTER,
+    NO_NFS_ROOT,
+    *done("/usr/sbin/ip6tables-restore < /tmp/.quarn/ip6tables.rules"),
+]
+# With IPv6 off the rules of IPv6 are written and not loaded.
+FILTERS_WITHOUT_IPV6 = FILTERS[:-1]
+# There is no client, and so no process id to kill.
+STOP_DHCPV4 = [Command("/bin/kill `cat /var/run/udhcpc.eth0.pid 2>/dev/null` 2>/dev/null", 1)]
+STOP_DHCPV6 = [Command("/bin/kill `cat /var/run/dhclient6.pid 2>/dev/null` 2>/dev/null", 1)]
+STOP_CLIENTS = STOP_DHCPV4 + STOP_DHCPV6
+NOT_SHAPED = done("/sbin/tc qdisc show dev eth0 | grep -q pfifo_fast")
+SHAPED = [Command("/sbin/tc qdisc show dev eth0 | grep -q pfifo_fast", 1)]
+SHAPING_CLASSES = shaping_classes(burst=10240)
+_ADD_FILTER = "/sbin/tc filter add dev eth0 protocol ip parent 1: prio"
+SHAPING = [
+    *NOT_SHAPED,
+    *done("/sbin/tc qdisc replace dev eth0 root handle 1: htb default 5 r2q 100"),
+    *SHAPING_CLASSES,
+    *done(
+        f"{_ADD_FILTER} 0 u32 match ip protocol 17 0xff flowid 1:2",
+        f"{_ADD_FILTER} 35 u32 match ip protocol 1 0xff flowid 1:3",
+        f"{_ADD_FILTER} 60 u32 match ip protocol 2 0xff flowid 1:3",
+        f"{_ADD_FILTER} 45 u32 match ip sport 22 0xffff flowid 1:3",
+        f"{_ADD_FILTER} 40 u32 match ip sport 161 0xffff flowid 1:3",
+    ),
+]
+# Where a tree stands already, only its classes are replaced.
+SHAPING_AGAIN = [*SHAPED, *SHAPING_CLASSES]
+# What a live change has running services do.
+RELOAD_NTP_KEEPER = "kill -USR2 $(pidof -s ntp-keeper)"
+RELOAD_WEB_SERVER = "systemctl reload nginx.service"
+
+
+def routes(*gateways: str) -> list[Command]:
+    """The commands of the IPv4 routes: those of before go, the multicast route and these come."""
+    return done(
+        "while /sbin/route del default gw 0.0.0.0 dev eth0 2>/dev/null ; do : ; done",
+        MULTICAST_ROUTE,
+        *(f"/sbin/route add default gw {gateway} eth0 2>/dev/null" for gateway in gateways),
+    )
+
+
+def shaping_ports(
+    again: bool = False, http: int = 80, https: int = 443, rtsp: int = 554
 ) -> list[Command]:
-    """All commands of a start; `loopback` is the status of its address, 2 where it is there."""
+    """The commands of the filters for the ports of services; the first time there is none to remove."""
+    filters = ((10, http, 4), (11, https, 4), (20, rtsp, 3))
+    return [
+        *SHAPED,
+        *(
+            command
+            for prio, port, number in filters
+            for command in (
+                Command(
+                    f"/sbin/tc filter del dev eth0 protocol ip parent 1: prio {prio}",
+                    0 if again else 2,
+                ),
+                Command(
+                    f"{_ADD_FILTER} {prio} u32 match ip sport {port} 0xffff flowid 1:{number}", 0
+                ),
+            )
+        ),
+    ]
+
+
+def boot_commands(
+    ipv4: list[Command],
+    ipv6: list[Command] | None = None,
+    loopback: int = 2,
+    *,
+    ipv4_routes: list[Command] | None = None,
+    ipv6_enabled: bool = True,
+    again: bool = False,
+    nfs: bool = False,
+) -> list[Command]:
+    """All commands of a start.
+
+    `loopback` is the status of its address, 2 where it is there. `ipv4_routes` are left out where
+    there is no address. `again`: eth0 is shaped already. `nfs`: the root is on the network, and
+    eth0 is not shaped at all.
+    """
+    filters = FILTERS if ipv6_enabled else FILTERS_WITHOUT_IPV6
+    shaping = [*(SHAPING_AGAIN if again else SHAPING), *shaping_ports(again)]
     return [
         Command("/sbin/ip addr add 127.0.0.1/8 dev lo 2>/dev/null", loopback),
         *done("/sbin/ip link set lo up", "ip link set eth0 up"),
+        *HOSTNAME,
         *ipv4,
         *done(FLUSH_IPV6),
         *(ipv6 or []),
+        *(Command(_NFS_ROOT, 0) if nfs and check == NO_NFS_ROOT else check for check in filters),
+        *(ipv4_routes or []),
+        *STOP_CLIENTS,
         *done("/sbin/ip link set eth0 mtu 1500"),
+        *([] if nfs else shaping),
     ]
+
+
+# What is not there in a camera
+
+
+def silence_services(camera: Camera) -> None:
+    """Have the services that a change reaches answer at once, and the DHCP clients end at once."""
+    for program in ("/usr/sbin/udhcpc", "/usr/sbin/dhclient"):
+        camera.files.link(program, "/bin/true")
+    for command in (RELOAD_NTP_KEEPER, RELOAD_WEB_SERVER):
+        camera.rule(command, status=0)
 
 
 # The kernel
@@ -204,6 +324,13 @@ MANUAL_IPV4 = {
 }
 MANUAL_ADDRESS = "192.0.2.10"
 LINK_LOCAL_IPV6 = "fe80::200:5eff:fe00:5301"
+
+
+# All commands of its first start.
+MANUAL_BOOT = boot_commands(
+    [NO_ALIAS, ifconfig(f"{MANUAL_ADDRESS}/24"), *done(MULTICAST_ROUTE)],
+    ipv4_routes=routes("192.0.2.1"),
+)
 
 
 def start_manual(make_camera: Callable[..., Camera], **options: Any) -> Camera:

@@ -25,6 +25,13 @@ _PLANT = """
 for row in json.load(sys.stdin):
     database.execute("INSERT OR REPLACE INTO settings VALUES (?, ?, ?)", row)
 """
+# What the first start of a camera stores, and puts into the boot environment. Where that has a host
+# name, the link modes are all that is stored.
+LINK_MODES: dict[str, Any] = {
+    "NIC.eth0.SupportedModes": {"full_duplex": [10, 100, 1000], "half_duplex": [10, 100]}
+}
+STORED_BY_START: dict[str, Any] = {"Hostname.Name": "Corvy-0000000", **LINK_MODES}
+VARIABLES_OF_START = {"vesko_hostname": "Corvy-0000000"}
 _FNV_OFFSET, _FNV_PRIME = 0xCBF29CE484222325, 0x100000001B3
 
 

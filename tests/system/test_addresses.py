@@ -27,6 +27,7 @@ from expectations import (
     labelled,
     probe,
     refusal,
+    routes,
     set_settings,
     start,
     start_with_free_addresses,
@@ -37,6 +38,8 @@ from camlab import Camera, Signal
 
 MakeCamera = Callable[..., Camera]
 
+pytestmark = pytest.mark.quiet
+
 MANUAL = {"vesko_ipv4_dhcp_enable": "0"}
 NO_ADDRESS_LOG = "<4>get_netlink_info: no data returned"
 DECONFIGURING = "<6>set_ipv4_addresses: Deconfiguring eth0"
@@ -46,6 +49,7 @@ DECONFIGURING = "<6>set_ipv4_addresses: Deconfiguring eth0"
 def manual_camera(make_camera: MakeCamera) -> Camera:
     """Return a camera without DHCP that has the address 10.0.0.5/24."""
     camera = make_camera(variables=MANUAL)
+    camera.wait_until(lambda: camera.addresses(6), "eth0 has its link-local address")
     assert start(camera) == ["READY=1"]
     assert camera.api_set({"[IPv4/Manual]Address": "10.0.0.5"})["success"]
     return camera
@@ -54,23 +58,28 @@ def manual_camera(make_camera: MakeCamera) -> Camera:
 # Manual addresses
 
 
-@pytest.mark.parametrize(
-    ("netmask", "length"),
-    [("255.255.255.252", 30), (8, 8), (1, 1), (31, 31), ("128.0.0.0", 1), ("255.255.255.254", 31)],
-)
 def test_a_manual_address_is_set_with_its_netmask_and_broadcast_address(
-    manual_camera: Camera, netmask: Any, length: int
+    manual_camera: Camera,
 ) -> None:
-    request = {"[IPv4/Manual]Address": "10.20.30.41", "[IPv4/Manual]Netmask": netmask}
-    address = f"10.20.30.41/{length}"
-    assert set_settings(manual_camera, request) == Outcome(
-        SUCCESS,
-        [NO_ALIAS, ifconfig(address), *done(MULTICAST_ROUTE)],
-        [APPLYING_IPV4, NO_ALIAS_LOG, *ifconfig_log(address)],
-    )
-    assert ipv4_of_kernel(manual_camera) == [labelled(address)]
-    assert manual_camera.get("[IPv4/Manual]Netmask") == length
-    assert stored(manual_camera)["IPv4.Manual.Netmask"] == length
+    lengths: dict[int | str, int] = {
+        "255.255.255.252": 30,
+        8: 8,
+        1: 1,
+        31: 31,
+        "128.0.0.0": 1,
+        "255.255.255.254": 31,
+    }
+    for netmask, length in lengths.items():
+        request = {"[IPv4/Manual]Address": "10.20.30.41", "[IPv4/Manual]Netmask": netmask}
+        address = f"10.20.30.41/{length}"
+        assert set_settings(manual_camera, request) == Outcome(
+            SUCCESS,
+            [NO_ALIAS, ifconfig(address), *done(MULTICAST_ROUTE)],
+            [APPLYING_IPV4, NO_ALIAS_LOG, *ifconfig_log(address)],
+        )
+        assert ipv4_of_kernel(manual_camera) == [labelled(address)]
+        assert manual_camera.get("[IPv4/Manual]Netmask") == length
+        assert stored(manual_camera)["IPv4.Manual.Netmask"] == length
 
 
 def test_a_manual_address_brings_its_network_and_the_multicast_route(manual_camera: Camera) -> None:
@@ -88,7 +97,7 @@ def test_a_manual_address_is_announced_and_stands_again_after_a_reboot(
     manual_camera.reboot()
     assert start(manual_camera) == ["READY=1"]
     assert manual_camera.commands() == boot_commands(
-        [NO_ALIAS, ifconfig("10.0.0.5/24"), *done(MULTICAST_ROUTE)]
+        [NO_ALIAS, ifconfig("10.0.0.5/24"), *done(MULTICAST_ROUTE)], ipv4_routes=routes()
     )
     assert ipv4_of_kernel(manual_camera) == [labelled("10.0.0.5/24")]
 
@@ -107,52 +116,49 @@ def test_a_stored_netmask_of_0_deconfigures_eth0(manual_camera: Camera) -> None:
     manual_camera.stop_daemon()
     plant(manual_camera, {"IPv4.Manual.Netmask": "0"})
     assert start(manual_camera) == ["READY=1"]
-    assert manual_camera.commands() == boot_commands([NO_ALIAS, *done(DECONFIGURE)])
+    assert manual_camera.commands() == boot_commands(
+        [NO_ALIAS, *done(DECONFIGURE)], ipv4_routes=routes(), again=True
+    )
     assert ipv4_of_kernel(manual_camera) == []
 
 
-@pytest.mark.parametrize("netmask", [0, 32, 33, -1, 1e10, "0.0.0.0", "255.255.255.255"])
-def test_a_prefix_length_outside_of_1_to_31_is_refused(manual_camera: Camera, netmask: Any) -> None:
-    request = {"[IPv4/Manual]Address": "10.7.7.7", "[IPv4/Manual]Netmask": netmask}
-    converted = {"0.0.0.0": 0, "255.255.255.255": 32, 1e10: 10000000000}
-    printed = {**request, "[IPv4/Manual]Netmask": converted.get(netmask, netmask)}
+def test_a_prefix_length_outside_of_1_to_31_is_refused(manual_camera: Camera) -> None:
     fault = error(3, "Value wasn't a valid ipv4 netmask length", "[IPv4/Manual]Netmask")
-    assert set_settings(manual_camera, request) == refusal(printed, fault)
+    # A dotted netmask is printed as its length.
+    lengths: dict[float | str, int] = {
+        0: 0,
+        32: 32,
+        33: 33,
+        -1: -1,
+        1e10: 10**10,
+        "0.0.0.0": 0,
+        "255.255.255.255": 32,
+    }
+    for netmask, length in lengths.items():
+        request = {"[IPv4/Manual]Address": "10.7.7.7", "[IPv4/Manual]Netmask": netmask}
+        printed = {"[IPv4/Manual]Address": "10.7.7.7", "[IPv4/Manual]Netmask": length}
+        assert set_settings(manual_camera, request) == refusal(printed, fault)
     assert ipv4_of_kernel(manual_camera) == [labelled("10.0.0.5/24")]
 
 
-@pytest.mark.parametrize(
-    "netmask",
-    [
-        "255.0.255.0",
-        "0.0.0.255",
-        "24",
-        "255.255.255.0\n",
-        "255.255.255.00",
-        "",
-        None,
-        True,
-        [24],
-        {},
-    ],
-)
-def test_what_is_no_netmask_is_refused(manual_camera: Camera, netmask: Any) -> None:
-    request = {"[IPv4/Manual]Netmask": netmask}
+def test_what_is_no_netmask_is_refused(manual_camera: Camera) -> None:
+    texts = ["255.0.255.0", "0.0.0.255", "24", "255.255.255.0\n", "255.255.255.00", ""]
     fault = error(
         3, "Value was neither an IPv4 netmask nor a length of such", "[IPv4/Manual]Netmask"
     )
-    assert set_settings(manual_camera, request) == refusal(request, fault)
+    values: list[Any] = [*texts, None, True, [24], {}]
+    for netmask in values:
+        request = {"[IPv4/Manual]Netmask": netmask}
+        assert set_settings(manual_camera, request) == refusal(request, fault)
     assert manual_camera.get("[IPv4/Manual]Netmask") == 24
 
 
-@pytest.mark.parametrize(
-    "address",
-    ["0.0.0.0", "0.1.2.3", "127.0.0.1", "240.0.0.1", "255.255.255.255", "1.2.3", "01.2.3.4", "::1"],
-)
-def test_what_is_no_unicast_ipv4_address_is_refused(manual_camera: Camera, address: str) -> None:
-    request = {"[IPv4/Manual]Address": address}
-    fault = error(3, f"String '{address}' wasn't a valid IPv4 address", "[IPv4/Manual]Address")
-    assert set_settings(manual_camera, request) == refusal(request, fault)
+def test_what_is_no_unicast_ipv4_address_is_refused(manual_camera: Camera) -> None:
+    no_unicast = ["0.0.0.0", "0.1.2.3", "127.0.0.1", "240.0.0.1", "255.255.255.255"]
+    for address in (*no_unicast, "1.2.3", "01.2.3.4", "::1"):
+        request = {"[IPv4/Manual]Address": address}
+        fault = error(3, f"String '{address}' wasn't a valid IPv4 address", "[IPv4/Manual]Address")
+        assert set_settings(manual_camera, request) == refusal(request, fault)
     assert ipv4_of_kernel(manual_camera) == [labelled("10.0.0.5/24")]
 
 
@@ -194,7 +200,7 @@ def test_an_nfs_root_gets_the_multicast_route_and_no_address(make_camera: MakeCa
     )
     camera.run(["ip", "address", "add", "10.0.0.9/24", "dev", "eth0"], check=True)
     assert start(camera) == ["READY=1"]
-    assert camera.commands() == boot_commands(done(MULTICAST_ROUTE))
+    assert camera.commands() == boot_commands(done(MULTICAST_ROUTE), nfs=True)
     assert set_settings(camera, {"[IPv4/Manual]Address": "10.0.0.5"}) == Outcome(
         SUCCESS,
         done(MULTICAST_ROUTE),
@@ -214,7 +220,7 @@ def test_an_nfs_root_without_a_lease_probes_addresses_and_leaves_them_unused(
     start_with_free_addresses(camera)
     link_local = stored(camera)["IPv4.LocalLink.Address"]
     assert camera.commands() == boot_commands(
-        [probe(link_local), probe("192.168.0.20"), *done(MULTICAST_ROUTE)]
+        [probe(link_local), probe("192.168.0.20"), *done(MULTICAST_ROUTE)], nfs=True
     )
     assert ipv4_of_kernel(camera) == []
 

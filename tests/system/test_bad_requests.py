@@ -18,12 +18,14 @@ from expectations import (
     set_settings,
     start,
 )
-from stored_settings import stored
+from stored_settings import STORED_BY_START, stored
 
 from camlab import BusError, Camera
 from camlab.bus import NAME, PATH
 
 MakeCamera = Callable[..., Camera]
+
+pytestmark = pytest.mark.quiet
 
 MTU = "[NIC/eth0]MTU"
 NO_REQUEST = "<3>api_set: Null request object on SET call"
@@ -80,7 +82,7 @@ def served(make_camera: MakeCamera) -> Camera:
 def assert_unharmed(camera: Camera) -> None:
     """Nothing was saved, no command ran, and the next caller is served."""
     assert camera.commands() == []
-    assert stored(camera) == {"IPv4.Manual.Address": "10.0.0.5"}
+    assert stored(camera) == {**STORED_BY_START, "IPv4.Manual.Address": "10.0.0.5"}
     assert camera.api_get_text(compact({"settings": [MTU]})) == answer(success=True, **{MTU: 1500})
     assert set_settings(camera, {MTU: 1400}) == Outcome(
         SUCCESS, done("/sbin/ip link set eth0 mtu 1400"), [SETTING_MTU]
@@ -90,50 +92,51 @@ def assert_unharmed(camera: Camera) -> None:
 # Texts that are no request
 
 
-@pytest.mark.parametrize("text", NOT_JSON.values(), ids=NOT_JSON.keys())
-def test_a_set_request_that_is_not_json_is_refused(served: Camera, text: str) -> None:
-    assert set_settings(served, text) == Outcome(
+def get_refused(camera: Camera, text: str, message: str) -> None:
+    """A get request is refused for its form, with nothing but one line in the log."""
+    logged = len(camera.log_lines())
+    camera.clear_commands()
+    assert camera.api_get_text(text) == answer(error(2, message))
+    assert camera.log_lines()[logged:] == [error_log(2, message)]
+    assert camera.commands() == []
+
+
+def test_a_set_request_that_is_not_json_is_refused(served: Camera) -> None:
+    refused = Outcome(
         answer(error(2, DID_NOT_PARSE)), [], [error_log(2, DID_NOT_PARSE), NO_REQUEST]
     )
+    outcomes = {name: set_settings(served, text) for name, text in NOT_JSON.items()}
+    assert outcomes == dict.fromkeys(NOT_JSON, refused)
     assert_unharmed(served)
 
 
-@pytest.mark.parametrize("text", NOT_JSON.values(), ids=NOT_JSON.keys())
-def test_a_get_request_that_is_not_json_is_refused(served: Camera, text: str) -> None:
-    logged = len(served.log_lines())
-    served.clear_commands()
-    assert served.api_get_text(text) == answer(error(2, DID_NOT_PARSE))
-    assert served.log_lines()[logged:] == [error_log(2, DID_NOT_PARSE)]
+def test_a_get_request_that_is_not_json_is_refused(served: Camera) -> None:
+    for text in NOT_JSON.values():
+        get_refused(served, text, DID_NOT_PARSE)
     assert_unharmed(served)
 
 
-@pytest.mark.parametrize("text", NO_OBJECTS)
-def test_a_request_that_is_not_an_object_is_refused(served: Camera, text: str) -> None:
-    assert set_settings(served, text) == Outcome(
-        answer(error(2, NO_OBJECT)), [], [error_log(2, NO_OBJECT), NO_REQUEST]
-    )
-    assert served.api_get_text(text) == answer(error(2, NO_OBJECT))
+def test_a_request_that_is_not_an_object_is_refused(served: Camera) -> None:
+    for text in NO_OBJECTS:
+        assert set_settings(served, text) == Outcome(
+            answer(error(2, NO_OBJECT)), [], [error_log(2, NO_OBJECT), NO_REQUEST]
+        )
+        get_refused(served, text, NO_OBJECT)
     assert_unharmed(served)
 
 
-@pytest.mark.parametrize(
-    ("text", "message"),
-    [
-        ("{}", NO_ARRAY),
-        ('{"Settings":["[NIC/eth0]MTU"]}', NO_ARRAY),
-        ('{"settings":"[NIC/eth0]MTU"}', NO_ARRAY),
-        ('{"settings":{"0":"[NIC/eth0]MTU"}}', NO_ARRAY),
-        ('{"settings":null}', NO_ARRAY),
-        ('{"settings":["[NIC/eth0]MTU",7]}', NO_TEXT_KEY),
-        ('{"settings":[null]}', NO_TEXT_KEY),
-        ('{"settings":[["[NIC/eth0]MTU"]]}', NO_TEXT_KEY),
-    ],
-)
-def test_a_get_request_needs_a_list_of_texts(served: Camera, text: str, message: str) -> None:
-    served.clear_commands()
-    logged = len(served.log_lines())
-    assert served.api_get_text(text) == answer(error(2, message))
-    assert served.log_lines()[logged:] == [error_log(2, message)]
+def test_a_get_request_needs_a_list_of_texts(served: Camera) -> None:
+    for text, message in {
+        "{}": NO_ARRAY,
+        '{"Settings":["[NIC/eth0]MTU"]}': NO_ARRAY,
+        '{"settings":"[NIC/eth0]MTU"}': NO_ARRAY,
+        '{"settings":{"0":"[NIC/eth0]MTU"}}': NO_ARRAY,
+        '{"settings":null}': NO_ARRAY,
+        '{"settings":["[NIC/eth0]MTU",7]}': NO_TEXT_KEY,
+        '{"settings":[null]}': NO_TEXT_KEY,
+        '{"settings":[["[NIC/eth0]MTU"]]}': NO_TEXT_KEY,
+    }.items():
+        get_refused(served, text, message)
     assert_unharmed(served)
 
 
@@ -192,21 +195,19 @@ def test_an_empty_name_is_an_unknown_setting(served: Camera) -> None:
     assert_unharmed(served)
 
 
-@pytest.mark.parametrize("escape", [r"\uffff", r"\ufffe", r"\ufdd0", r"\ud83f\udfff"])
-def test_a_character_that_the_bus_refuses_is_answered_as_an_escape(
-    served: Camera, escape: str
-) -> None:
-    text = f'{{"[No]{escape}":1,"[IPv4/Manual]Address":"{escape}"}}'
-    response = set_settings(served, text).response
-    assert response == (
-        '{"success":false,"errors":['
-        f'{{"key":"[No]{escape}","code":7,"msg":"Could not set unknown setting"}},'
-        '{"key":"[IPv4/Manual]Address","code":3,'
-        f'"msg":"String \'{escape}\' wasn\'t a valid IPv4 address"}}]}}'
-    )
-    key = json.loads(f'"[No]{escape}"')
-    get = served.api_get([key])
-    assert get == {"success": True, "errors": [error(7, "Unknown key", key)]}
+def test_a_character_that_the_bus_refuses_is_answered_as_an_escape(served: Camera) -> None:
+    for escape in (r"\uffff", r"\ufffe", r"\ufdd0", r"\ud83f\udfff"):
+        text = f'{{"[No]{escape}":1,"[IPv4/Manual]Address":"{escape}"}}'
+        response = set_settings(served, text).response
+        assert response == (
+            '{"success":false,"errors":['
+            f'{{"key":"[No]{escape}","code":7,"msg":"Could not set unknown setting"}},'
+            '{"key":"[IPv4/Manual]Address","code":3,'
+            f'"msg":"String \'{escape}\' wasn\'t a valid IPv4 address"}}]}}'
+        )
+        key = json.loads(f'"[No]{escape}"')
+        get = served.api_get([key])
+        assert get == {"success": True, "errors": [error(7, "Unknown key", key)]}
     assert_unharmed(served)
 
 

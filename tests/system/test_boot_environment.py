@@ -8,11 +8,13 @@ from typing import Any
 
 import pytest
 from expectations import MANUAL_IPV4, SUCCESS, compact, masked, start, start_manual
-from stored_settings import stored
+from stored_settings import LINK_MODES, VARIABLES_OF_START, stored
 
 from camlab import Camera
 
 MakeCamera = Callable[..., Camera]
+
+pytestmark = pytest.mark.quiet
 
 KEYS = {
     "[IPv4/DHCP]Enabled": False,
@@ -62,9 +64,10 @@ def test_all_eight_settings_are_read_from_the_environment(make_camera: MakeCamer
     assert camera.bootenv.variables() == VARIABLES
 
 
-def test_a_blank_environment_gives_the_defaults_and_stays_as_it_is(make_camera: MakeCamera) -> None:
+def test_a_blank_environment_gives_the_defaults_and_gets_the_host_name_alone(
+    make_camera: MakeCamera,
+) -> None:
     camera = make_camera(variables={})
-    before = camera.bootenv.content()
     camera.rule("/usr/sbin/arping *", status=0)
     assert start(camera) == ["READY=1"]
     assert values(camera) == {
@@ -75,9 +78,9 @@ def test_a_blank_environment_gives_the_defaults_and_stays_as_it_is(make_camera: 
         "[IPv4/Manual]DefaultGateway": None,
         "[IPv6]Enabled": True,
         "[IPv6/Manual]Addresses": [],
-        "[Hostname]Name": None,
+        "[Hostname]Name": "Corvy-0000000",
     }
-    assert camera.bootenv.content() == before
+    assert camera.bootenv.variables() == VARIABLES_OF_START
 
 
 def not_found(key: str) -> str:
@@ -138,11 +141,6 @@ READINGS: dict[str, tuple[dict[str, str], str, Any, str, list[str]]] = {
         *("[IPv6]Enabled", True, ""),
         [not_found("[IPv6]Enabled"), default("[IPv6]Enabled", "true")],
     ),
-    "an empty host name": (
-        {"vesko_hostname": ""},
-        *("[Hostname]Name", None, ""),
-        [not_found("[Hostname]Name"), default("[Hostname]Name", "null")],
-    ),
     "a double blank between addresses": (
         {"vesko_ipv6_addresses": "2001:db8::1/64  2001:db8::2/64"},
         *(ADDRESSES, [], ""),
@@ -167,13 +165,30 @@ def test_a_value_of_the_environment_counts_only_where_it_is_one(
     text: str,
     log: list[str],
 ) -> None:
-    camera = make_camera(variables={**MANUAL_IPV4, **variables})
+    # Without a host name the start would write one.
+    name = {"vesko_hostname": "camera-7"}
+    camera = make_camera(variables={**MANUAL_IPV4, **name, **variables})
     before = camera.bootenv.content()
     camera.rule("/usr/sbin/arping *", status=0)
     assert start(camera, QUARN_LOG_LEVEL="debug") == ["READY=1"]
     assert camera.get(key) == value
     assert reading_log(camera, key, text) == log
     assert camera.bootenv.content() == before
+
+
+@pytest.mark.parametrize("text", ["", "no host name", "10.0.0.5", "a" * 64])
+def test_a_host_name_of_the_environment_that_is_none_gives_way_to_the_default_name(
+    make_camera: MakeCamera, text: str
+) -> None:
+    key = "[Hostname]Name"
+    camera = make_camera(variables={**MANUAL_IPV4, "vesko_hostname": text})
+    assert start(camera, QUARN_LOG_LEVEL="debug") == ["READY=1"]
+    assert camera.get(key) == "Corvy-0000000"
+    assert reading_log(camera, key, text) == [
+        not_valid(key, text) if text else not_found(key),
+        default(key, "null"),
+    ]
+    assert camera.bootenv.variables() == {**MANUAL_IPV4, **VARIABLES_OF_START}
 
 
 # Writing
@@ -187,26 +202,29 @@ SAVES: dict[str, tuple[dict[str, Any], dict[str, str | None]]] = {
     "netmask": ({NETMASK: 16}, {"netdev0": record(netmask="ffff0000")}),
     "gateway": ({GATEWAY: "192.0.2.254"}, {"netdev0": record(gateway="c00002fe")}),
     "no gateway": ({GATEWAY: None}, {"netdev0": record(gateway="00000000")}),
+    "host name": ({"[Hostname]Name": "other"}, {"vesko_hostname": "other"}),
     "no IPv6": ({"[IPv6]Enabled": False}, {"vesko_ipv6_enable": "0"}),
     "IPv6 address": ({ADDRESSES: ["2001:db8::a/64"]}, {"vesko_ipv6_addresses": "2001:db8::a/64"}),
     "no IPv6 address": ({ADDRESSES: []}, {"vesko_ipv6_addresses": None}),
 }
 
 
-@pytest.mark.parametrize(("request_", "changes"), SAVES.values(), ids=SAVES.keys())
 @pytest.mark.parametrize("kind", ["plain", "redundant"])
 def test_a_saved_setting_changes_its_own_variable_and_no_other(
-    make_camera: MakeCamera, kind: str, request_: dict[str, Any], changes: dict[str, str | None]
+    make_camera: MakeCamera, kind: str
 ) -> None:
     camera = start_manual(make_camera, variables=VARIABLES, boot_environment=kind)
     camera.rule("/usr/sbin/arping *", status=0)
-    assert camera.api_set_text(compact(request_)) == SUCCESS
-    merged: dict[str, str | None] = {**VARIABLES, **changes}
-    expected = {name: text for name, text in merged.items() if text is not None}
-    assert camera.bootenv.variables() == expected
-    printed = camera.run(["fw_printenv"]).stdout.splitlines()
-    assert sorted(printed) == sorted(f"{name}={text}" for name, text in expected.items())
-    assert values(camera) == {**KEYS, **request_}
+    for request, changes in SAVES.values():
+        assert camera.api_set_text(compact(request)) == SUCCESS
+        merged: dict[str, str | None] = {**VARIABLES, **changes}
+        expected = {name: text for name, text in merged.items() if text is not None}
+        assert camera.bootenv.variables() == expected
+        printed = camera.run(["fw_printenv"]).stdout.splitlines()
+        assert sorted(printed) == sorted(f"{name}={text}" for name, text in expected.items())
+        assert values(camera) == {**KEYS, **request}
+        assert camera.api_set_text(compact({key: KEYS[key] for key in request})) == SUCCESS
+        assert camera.bootenv.variables() == VARIABLES
 
 
 def test_one_request_writes_several_settings(make_camera: MakeCamera) -> None:
@@ -234,16 +252,16 @@ def test_one_request_writes_several_settings(make_camera: MakeCamera) -> None:
 def test_a_setting_that_is_not_changed_is_not_written(make_camera: MakeCamera) -> None:
     camera = start_manual(make_camera, variables=VARIABLES)
     before = (camera.bootenv.content(), camera.files.stat("/boot/uboot.env").st_mtime_ns)
-    request = {key: value for key, value in KEYS.items() if key != "[Hostname]Name"}
     logged = len(camera.log_lines())
-    assert camera.api_set_text(compact(request)) == SUCCESS
+    assert camera.api_set_text(compact(KEYS)) == SUCCESS
     lines = masked(camera.log_lines()[logged:])
     assert [line for line in lines if "bootenv" in line] == [
-        f"<7>save_bootenv_var:LINE: {key} is not being changed" for key in request
+        f"<7>save_bootenv_var:LINE: {key} is not being changed" for key in KEYS
     ]
     after = (camera.bootenv.content(), camera.files.stat("/boot/uboot.env").st_mtime_ns)
     assert after == before
-    assert stored(camera) == {}
+    # The start itself has stored no host name either: the environment has one.
+    assert stored(camera) == LINK_MODES
 
 
 def test_the_first_address_makes_the_record(make_camera: MakeCamera) -> None:
@@ -251,6 +269,7 @@ def test_the_first_address_makes_the_record(make_camera: MakeCamera) -> None:
     assert start(camera) == ["READY=1"]
     assert camera.api_set_text(compact({ADDRESS: "192.0.2.10"})) == SUCCESS
     assert camera.bootenv.variables() == {
+        **VARIABLES_OF_START,
         "vesko_ipv4_dhcp_enable": "0",
         "netdev0": "000000000000" "c000020a" "00000000" "00000000",
     }

@@ -19,13 +19,15 @@ from expectations import (
     start,
     start_manual,
 )
-from stored_settings import stored
+from stored_settings import STORED_BY_START, VARIABLES_OF_START, stored
 
 from camlab import Camera
 from camlab.boot_environment import SIZE
 from camlab.namespaces import MS_BIND, MS_RDONLY, MS_REMOUNT
 
 MakeCamera = Callable[..., Camera]
+
+pytestmark = pytest.mark.quiet
 
 ADDRESS = "[IPv4/Manual]Address"
 RECORD = "00005e005301" "c000020b" "ffffff00" "c0000201"
@@ -58,8 +60,14 @@ def test_an_environment_that_cannot_be_read_is_logged_and_the_defaults_stand(
     before = content(camera)
     camera.rule("/usr/sbin/arping *", status=0)
     assert start(camera) == ["READY=1"]
-    # IPv6, DHCP, link-local and the manual IPv6 addresses are read at a start.
-    assert lines_of_level(camera.log_lines(), 2, 3) == [not_readable(result)] * 4
+    # IPv6, the host name, DHCP, link-local and the manual IPv6 addresses are read at a start; the
+    # host name is written.
+    assert lines_of_level(camera.log_lines(), 2, 3) == [
+        *[not_readable(result)] * 3,
+        NOT_SET,
+        "<3>set_json_value: JSON key [Hostname]Name fails ave_func",
+        *[not_readable(result)] * 3,
+    ]
     assert camera.get("[IPv4/DHCP]Enabled") is True
     assert "192.168.0.20/24" in camera.addresses(4)
     assert content(camera) == before
@@ -87,7 +95,7 @@ def test_an_environment_that_cannot_be_read_is_never_written(
     )
     assert content(camera) == before
     assert camera.get(ADDRESS) == "192.0.2.11"
-    assert stored(camera) == {"IPv4.Manual.Address": "192.0.2.11"}
+    assert stored(camera) == {**STORED_BY_START, "IPv4.Manual.Address": "192.0.2.11"}
 
 
 def test_a_failed_write_counts_as_a_change_until_it_succeeds(make_camera: MakeCamera) -> None:
@@ -116,7 +124,11 @@ def test_a_redundant_environment_is_read_and_written_with_one_copy_damaged(
     assert start(camera) == ["READY=1"]
     assert camera.addresses(4) == ["192.0.2.10/24"]
     assert camera.api_set_text(compact({ADDRESS: "192.0.2.11"})) == SUCCESS
-    assert camera.bootenv.variables() == {**MANUAL_IPV4, "netdev0": RECORD}
+    assert camera.bootenv.variables() == {
+        **MANUAL_IPV4,
+        **VARIABLES_OF_START,
+        "netdev0": RECORD,
+    }
     assert camera.run(["fw_printenv", "netdev0"]).stdout == f"netdev0={RECORD}\n"
 
 
@@ -176,10 +188,14 @@ def test_another_program_that_holds_the_environments_lock_does_not_stop_the_daem
         "<3>open_uboot: the boot environment is locked by another program",
         NOT_SET,
     ]
-    assert camera.bootenv.variables() == MANUAL_IPV4
+    assert camera.bootenv.variables() == {**MANUAL_IPV4, **VARIABLES_OF_START}
     holder.stop()
     assert camera.api_set_text(compact({ADDRESS: "192.0.2.11"})) == SUCCESS
-    assert camera.bootenv.variables() == {**MANUAL_IPV4, "netdev0": RECORD}
+    assert camera.bootenv.variables() == {
+        **MANUAL_IPV4,
+        **VARIABLES_OF_START,
+        "netdev0": RECORD,
+    }
 
 
 # Without a boot environment
@@ -200,6 +216,7 @@ def test_without_a_boot_environment_a_file_beside_the_store_takes_its_place(
     assert camera.api_set_text(compact(request)) == SUCCESS
     assert camera.read_file("/var/lib/quarn/boot-environment.conf") == (
         "[boot_environment]\n"
+        "vesko_hostname=Corvy-0000000\n"
         "vesko_ipv4_dhcp_enable=0\n"
         "netdev0=000000000000c000020b0000000000000000\n"
         "vesko_ipv6_addresses=2001:db8::1/64 2001:db8::2/64\n"

@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable
 from typing import Any
 
+import pytest
 from expectations import (
     APPLY_ERROR,
     LINK_LOCAL_IPV6,
@@ -21,6 +22,8 @@ from expectations import (
 from camlab import Camera, Signal
 
 MakeCamera = Callable[..., Camera]
+
+pytestmark = pytest.mark.quiet
 
 
 def ipv4(address: str) -> Signal:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
+import pytest
 from expectations import (
     DECONFIGURE,
     MULTICAST_NETWORK,
@@ -25,11 +26,13 @@ from expectations import (
     start,
     start_with_free_addresses,
 )
-from stored_settings import stored, stored_link_local
+from stored_settings import STORED_BY_START, stored, stored_link_local
 
 from camlab import Camera, Command, Signal
 
 MakeCamera = Callable[..., Camera]
+
+pytestmark = pytest.mark.quiet
 
 LINK_LOCAL = "[IPv4/LocalLink]Address"
 NO_LINK_LOCAL = {"vesko_ipv4_link_local_enable": "0"}
@@ -66,6 +69,7 @@ def test_without_a_lease_eth0_gets_link_local_and_the_first_free_fallback(camera
     ]
     assert destinations(camera) == ["169.254.0.0/16", "192.168.0.0/24", MULTICAST_NETWORK]
     assert stored(camera) == {
+        **STORED_BY_START,
         "IPv4.LocalLink.Address": link_local,
         "IPv4.VeskoConf.Address": "192.168.0.21",
     }
@@ -89,7 +93,7 @@ def test_without_link_local_the_fallback_stands_on_eth0_itself(make_camera: Make
         [probe("192.168.0.20"), NO_ALIAS, ifconfig("192.168.0.20/24"), *done(MULTICAST_ROUTE)]
     )
     assert ipv4_of_kernel(camera) == [labelled("192.168.0.20/24")]
-    assert stored(camera) == {"IPv4.VeskoConf.Address": "192.168.0.20"}
+    assert stored(camera) == {**STORED_BY_START, "IPv4.VeskoConf.Address": "192.168.0.20"}
 
 
 def test_a_drawn_link_local_address_that_is_taken_is_drawn_again(camera: Camera) -> None:
@@ -143,7 +147,7 @@ def test_a_fallback_that_was_taken_by_all_is_stored_as_null(make_camera: MakeCam
         NO_ALIAS,
         *done(DECONFIGURE),
     ]
-    assert stored(camera) == {"IPv4.VeskoConf.Address": None}
+    assert stored(camera) == {**STORED_BY_START, "IPv4.VeskoConf.Address": None}
 
 
 def test_with_every_fallback_taken_the_link_local_address_stands_alone(camera: Camera) -> None:
@@ -151,9 +155,14 @@ def test_with_every_fallback_taken_the_link_local_address_stands_alone(camera: C
     camera.rule("/usr/sbin/arping -D -c2 192.168.0.*", status=1)
     assert start(camera) == ["READY=1"]
     link_local = stored_link_local(camera)
-    assert (
-        camera.commands()[-5:]
-        == boot_commands([NO_ALIAS, ifconfig(f"{link_local}/16"), *done(MULTICAST_ROUTE)])[-5:]
+    assert camera.commands() == boot_commands(
+        [
+            probe(link_local),
+            *(probe(f"192.168.0.{host}", taken=True) for host in range(20, 255)),
+            NO_ALIAS,
+            ifconfig(f"{link_local}/16"),
+            *done(MULTICAST_ROUTE),
+        ]
     )
     assert ipv4_of_kernel(camera) == [labelled(f"{link_local}/16")]
 
@@ -222,7 +231,8 @@ def test_remembered_addresses_that_others_have_taken_are_replaced(camera: Camera
             probe("192.168.0.20", taken=True),
             probe("192.168.0.21"),
             *addresses_without_lease(new, "192.168.0.21"),
-        ]
+        ],
+        again=True,
     )
     assert stored(camera)["IPv4.VeskoConf.Address"] == "192.168.0.21"
 

@@ -23,11 +23,13 @@ from expectations import (
     set_settings,
     start,
 )
-from stored_settings import stored
+from stored_settings import STORED_BY_START, stored
 
 from camlab import Camera
 
 MakeCamera = Callable[..., Camera]
+
+pytestmark = pytest.mark.quiet
 
 MTU = "[NIC/eth0]MTU"
 ADDRESS = "[IPv4/Manual]Address"
@@ -152,6 +154,7 @@ def test_settings_of_one_request_are_saved_and_applied_together(served: Camera) 
     ]
     assert ipv4_of_kernel(served) == [labelled("10.0.0.6/16")]
     assert stored(served) == {
+        **STORED_BY_START,
         "IPv4.Manual.Address": "10.0.0.6",
         "IPv4.Manual.Netmask": 16,
         "NIC.eth0.MTU": 1400,
@@ -239,19 +242,26 @@ def test_an_unknown_setting_does_not_excuse_an_invalid_one(served: Camera) -> No
     assert set_settings(served, request) == refusal(request, *faults)
 
 
-@pytest.mark.parametrize(
-    "key", ["[IPv4/Actual]Address", "[NIC/eth0]MAC", "[TCP/Port]InUse", "[IPv4]Enabled"]
-)
-def test_a_read_only_setting_refuses_the_request_with_its_log_lines(
-    served: Camera, key: str
-) -> None:
-    request = {MTU: 1400, key: None}
-    lines = [
-        f"<4>verify_settings: No validate action performed for {key}",
-        f"<4>verify_settings: No save function defined for {key}. Failing validation",
-    ]
-    assert set_settings(served, request) == refusal(request, log=lines)
+def test_a_read_only_setting_refuses_the_request_with_its_log_lines(served: Camera) -> None:
+    for key in ("[IPv4/Actual]Address", "[NIC/eth0]MAC", "[IPv4]Enabled"):
+        request = {MTU: 1400, key: None}
+        lines = [
+            f"<4>verify_settings: No validate action performed for {key}",
+            f"<4>verify_settings: No save function defined for {key}. Failing validation",
+        ]
+        assert set_settings(served, request) == refusal(request, log=lines)
     assert served.get(MTU) == 1500
+
+
+def test_a_setting_without_a_verifier_refuses_the_request_though_it_has_a_saver(
+    served: Camera,
+) -> None:
+    key = "[NIC/eth0]SupportedModes"
+    before = served.get(key)
+    request: dict[str, Any] = {MTU: 1400, key: {}}
+    line = f"<4>verify_settings: No validate action performed for {key}"
+    assert set_settings(served, request) == refusal(request, log=[line])
+    assert (served.get(MTU), served.get(key)) == (1500, before)
 
 
 def test_the_group_checks_run_although_a_row_has_failed(served: Camera) -> None:
@@ -285,7 +295,11 @@ def test_what_is_set_while_apply_is_false_is_saved_and_not_applied(served: Camer
     assert set_settings(served, {MTU: 1300}) == Outcome(SUCCESS, [], [NOT_APPLYING])
     assert ipv4_of_kernel(served) == [labelled("10.0.0.5/24")]
     assert served.link()["mtu"] == 1500
-    assert stored(served) == {"IPv4.Manual.Address": "10.0.0.6", "NIC.eth0.MTU": 1300}
+    assert stored(served) == {
+        **STORED_BY_START,
+        "IPv4.Manual.Address": "10.0.0.6",
+        "NIC.eth0.MTU": 1300,
+    }
     assert served.get(APPLY) is False
 
 

@@ -15,11 +15,13 @@ from camlab import Camera
 
 MakeCamera = Callable[..., Camera]
 
+pytestmark = pytest.mark.quiet
+
 FOLDER = "/tmp/.quarn"
 DUMP = f"{FOLDER}/current_settings.txt"
 SIGNAL_LINE = "Quarn (Networking Configuration) - Received signal 10\n"
 
-# Rows that have no reader, or whose read fails, are missing.
+# A row that has no reader, or whose read fails, is missing.
 SETTINGS = """\
 [Settings]Apply = true
 [IPv4]Enabled = true
@@ -32,6 +34,7 @@ SETTINGS = """\
 [IPv4/LocalLink]Enabled = false
 [IPv4/Manual]Address = "192.0.2.10"
 [IPv4/Manual]Netmask = 24
+[IPv4/Manual]Gateways = ["192.0.2.1"]
 [IPv4/Actual]Address = "192.0.2.10"
 [IPv4/Actual]Netmask = 24
 [IPv6]Enabled = true
@@ -40,10 +43,12 @@ SETTINGS = """\
 [IPv6/Manual]Gateways = []
 [IPv6/Stateless]AcceptRA = true
 [IPv6/Stateless]Addresses = []
+[IPv6/Stateless]Gateways = []
 [IPv6/Stateful]Enabled = true
 [IPv6/Stateful]UseAddress = true
 [IPv6/Stateful]Addresses = []
 [IPv6/Actual]Addresses = ["fe80::200:5eff:fe00:5301/64"]
+[IPv6/Actual]Gateways = []
 [IPTables/Allow]IPv4List = []
 [IPTables/Allow]IPv6List = []
 [IPTables/Deny]IPv4List = []
@@ -68,8 +73,12 @@ SETTINGS = """\
 [NIC/eth0/AutoNegotiated]Enabled = true
 [NIC/eth0/AutoNegotiated]FullDuplex = true
 [NIC/eth0/AutoNegotiated]LinkSpeed = 100
+[NIC/eth0/Actual]Autonegotiated = true
+[NIC/eth0/Actual]FullDuplex = true
+[NIC/eth0/Actual]LinkSpeed = 100
 [NIC/eth0/Manual]FullDuplex = true
 [NIC/eth0/Manual]LinkSpeed = 100
+[NIC/eth0/Supported]LinkSpeed = 1000
 [TrafficShaping]Enabled = true
 [TrafficShaping]AvgRateLimit = 80000
 [TrafficShaping]BurstSize = 10240
@@ -84,6 +93,8 @@ SETTINGS = """\
 [TrafficShaping]Misc/Rate = 10
 [TrafficShaping]Misc/BurstPercent = 100
 [TrafficShaping]Misc/CeilPercent = 80
+[TrafficShaping]MinAvgRateLimit = 12500
+[TrafficShaping]BurstTime = 1
 [DNS]Enabled = true
 [DNS/IPv4/DHCP]Enabled = true
 [DNS/IPv4/DHCP]Servers = []
@@ -97,7 +108,7 @@ SETTINGS = """\
 [DNS/Manual]Enabled = true
 [DNS/Manual]Servers = []
 [DNS/Manual]Search = []
-[Hostname]Name = null
+[Hostname]Name = "Corvy-0000000"
 [Hostname]Domain = null
 [Webserver/HTTP]Enabled = true
 [Webserver/HTTP]Port = 80
@@ -108,8 +119,8 @@ SETTINGS = """\
 [RTSP]Enabled = true
 [RTSP]Port = 554
 [NIC/eth0]SupportedModes = {
-\t"half_duplex":\t[10, 100, 1000],
-\t"full_duplex":\t[10, 100, 1000]
+\t"full_duplex":\t[10, 100, 1000],
+\t"half_duplex":\t[10, 100]
 }
 [IPv4/Manual]DefaultGateway = "192.0.2.1"
 """

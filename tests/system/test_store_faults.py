@@ -20,11 +20,13 @@ from expectations import (
     start,
     start_manual,
 )
-from stored_settings import stored
+from stored_settings import LINK_MODES, STORED_BY_START, stored
 
 from camlab import Camera, wait_until
 
 MakeCamera = Callable[..., Camera]
+
+pytestmark = pytest.mark.quiet
 
 FOLDER = "/var/lib/quarn"
 DATABASE = f"{FOLDER}/settings.db"
@@ -33,7 +35,7 @@ DATABASE = f"{FOLDER}/settings.db"
 THIRTY: dict[str, Any] = {
     "[NIC/eth0]MTU": 1400,
     "[IPv6/Stateful]UseAddress": False,
-    "[IPv6/Manual]Gateways": ["2001:db8::1"],
+    "[IPv6/Manual]Gateways": ["fe80::1"],
     "[NTP]Enabled": False,
     "[NTP/IPv4/DHCP]Enabled": False,
     "[NTP/IPv6/DHCP]Enabled": False,
@@ -59,7 +61,7 @@ THIRTY: dict[str, Any] = {
     "[TrafficShaping]Misc/BurstPercent": 97,
     "[TrafficShaping]Misc/CeilPercent": 98,
     "[RTSP]Enabled": False,
-    "[Webserver/HTTPS]Enabled": True,
+    "[RTSP]Port": 8554,
     "[NIC/eth0/Manual]FullDuplex": False,
 }
 assert len(THIRTY) == 30
@@ -76,6 +78,12 @@ def not_stored(function: str, settings: dict[str, Any]) -> list[str]:
         f"<3>{function}: Could not set {name_of(key)} = {compact(value)} to settings"
         for key, value in settings.items()
     ]
+
+
+# What a start cannot store either, and what tries it again.
+NO_LINK_MODES = not_stored(
+    "save_or_hold_setting", {"[NIC/eth0]SupportedModes": LINK_MODES["NIC.eth0.SupportedModes"]}
+)
 
 
 def values(camera: Camera, settings: dict[str, Any]) -> dict[str, Any]:
@@ -101,18 +109,22 @@ def start_with_closed_database(make_camera: MakeCamera) -> Camera:
 
 
 def start_without_database(make_camera: MakeCamera) -> Camera:
-    """A camera that never stored anything."""
-    return start_manual(make_camera)
+    """A camera whose disk was full from the beginning: it never stored anything."""
+    camera = make_camera(variables=MANUAL_IPV4)
+    camera.fill_store()
+    assert start(camera, QUARN_LOG_LEVEL="debug") == ["READY=1"]
+    return camera
 
 
 # A request is one transaction
 
 
 def test_thirty_settings_of_one_request_are_stored_together(make_camera: MakeCamera) -> None:
-    camera = start_without_database(make_camera)
+    camera = start_manual(make_camera)
     assert camera.api_set_text(compact(THIRTY)) == SUCCESS
     assert values(camera, THIRTY) == THIRTY
-    assert stored(camera) == {name_of(key): value for key, value in THIRTY.items()}
+    thirty = {name_of(key): value for key, value in THIRTY.items()}
+    assert stored(camera) == {**STORED_BY_START, **thirty}
 
 
 def test_a_request_that_a_full_disk_cannot_take_is_stored_not_even_in_part(
@@ -134,10 +146,12 @@ def test_a_request_that_a_full_disk_cannot_take_is_stored_not_even_in_part(
 
 
 @pytest.mark.parametrize(
-    "start_camera", [start_without_database, start_with_closed_database], ids=["new", "closed"]
+    ("start_camera", "no_modes"),
+    [(start_without_database, NO_LINK_MODES), (start_with_closed_database, [])],
+    ids=["new", "closed"],
 )
 def test_a_database_that_a_full_disk_cannot_open_stores_nothing(
-    make_camera: MakeCamera, start_camera: Callable[[MakeCamera], Camera]
+    make_camera: MakeCamera, start_camera: Callable[[MakeCamera], Camera], no_modes: list[str]
 ) -> None:
     camera = start_camera(make_camera)
     before = values(camera, THIRTY)
@@ -146,7 +160,7 @@ def test_a_database_that_a_full_disk_cannot_open_stores_nothing(
     assert outcome.response == SUCCESS
     errors = [line for line in lines_of_level(outcome.log, 3) if "Could not set" in line]
     assert [line.split(": ", 1)[1] for line in errors] == [
-        line.split(": ", 1)[1] for line in not_stored("", THIRTY)
+        line.split(": ", 1)[1] for line in no_modes + not_stored("", THIRTY)
     ]
     assert "<7>apply_settings:LINE: Apply Flags: 0x00000000 (restart=1)" in outcome.log
     assert outcome.commands == []
@@ -154,12 +168,17 @@ def test_a_database_that_a_full_disk_cannot_open_stores_nothing(
 
 
 @pytest.mark.parametrize(
-    "start_camera",
-    [start_without_database, start_with_closed_database, start_with_open_database],
+    ("start_camera", "by_start"),
+    [
+        # The host name is in the boot environment; the link modes are stored with the next request.
+        (start_without_database, LINK_MODES),
+        (start_with_closed_database, STORED_BY_START),
+        (start_with_open_database, STORED_BY_START),
+    ],
     ids=["new", "closed", "open"],
 )
 def test_a_request_is_taken_whole_once_the_disk_has_room_again(
-    make_camera: MakeCamera, start_camera: Callable[[MakeCamera], Camera]
+    make_camera: MakeCamera, start_camera: Callable[[MakeCamera], Camera], by_start: dict[str, Any]
 ) -> None:
     camera = start_camera(make_camera)
     camera.fill_store()
@@ -168,7 +187,8 @@ def test_a_request_is_taken_whole_once_the_disk_has_room_again(
     assert camera.api_set_text(compact(THIRTY)) == SUCCESS
     assert values(camera, THIRTY) == THIRTY
     camera.kill_daemon()
-    assert stored(camera) == {name_of(key): value for key, value in THIRTY.items()}
+    thirty = {name_of(key): value for key, value in THIRTY.items()}
+    assert stored(camera) == {**by_start, **thirty}
     assert start(camera) == ["READY=1"]
     assert values(camera, THIRTY) == THIRTY
 
@@ -205,12 +225,17 @@ def test_the_boot_environment_is_written_although_the_store_is_full(
 
 
 def test_a_start_on_a_full_disk_serves(make_camera: MakeCamera) -> None:
-    camera = make_camera(variables=MANUAL_IPV4)
-    camera.fill_store()
-    assert start(camera) == ["READY=1"]
+    camera = start_without_database(make_camera)
     assert camera.addresses(4) == [f"{MANUAL_ADDRESS}/24"]
     assert camera.get("[NIC/eth0]MTU") == 1500
-    assert lines_of_level(camera.log_lines(), 2, 3) == []
+    unopened = f"<3>begin: {DATABASE} cannot be written: unable to open database file"
+    assert lines_of_level(camera.log_lines(), 2, 3) == [
+        unopened,
+        *not_stored("save_or_hold_setting", {"[Hostname]Name": "Corvy-0000000"}),
+        unopened,
+        *NO_LINK_MODES,
+    ]
+    assert camera.bootenv.get("vesko_hostname") == camera.get("[Hostname]Name") == "Corvy-0000000"
 
 
 def test_a_start_on_a_full_disk_knows_what_was_stored(make_camera: MakeCamera) -> None:
@@ -221,7 +246,7 @@ def test_a_start_on_a_full_disk_knows_what_was_stored(make_camera: MakeCamera) -
     assert camera.get("[NIC/eth0]MTU") == 1450
     assert camera.stop_daemon() == 0
     camera.empty_store()
-    assert stored(camera) == {"NIC.eth0.MTU": 1450}
+    assert stored(camera) == {**STORED_BY_START, "NIC.eth0.MTU": 1450}
 
 
 def end_in_order(camera: Camera) -> None:
@@ -238,7 +263,8 @@ def kill_and_lose_the_index(camera: Camera) -> None:
     camera.files.remove(f"{DATABASE}-shm")
 
 
-BEHIND = [f"<3>load: the newest settings of {DATABASE} cannot be read yet"]
+# What the start wanted to store of the link modes was among the newest settings.
+BEHIND = [f"<3>load: the newest settings of {DATABASE} cannot be read yet"] * 2 + NO_LINK_MODES
 
 
 @pytest.mark.parametrize(
@@ -272,7 +298,7 @@ def test_a_start_on_a_read_only_disk_serves_with_what_can_be_read(
     camera.set_store_read_only(False)
     assert camera.api_set_text('{"[RTSP]Enabled": false}') == SUCCESS
     assert camera.get("[NIC/eth0]MTU") == 1450
-    assert stored(camera) == {"NIC.eth0.MTU": 1450, "RTSP.Enabled": False}
+    assert stored(camera) == {**STORED_BY_START, "NIC.eth0.MTU": 1450, "RTSP.Enabled": False}
 
 
 def test_a_disk_that_turns_read_only_is_logged_and_the_daemon_serves(
@@ -291,4 +317,4 @@ def test_a_disk_that_turns_read_only_is_logged_and_the_daemon_serves(
     camera.set_store_read_only(False)
     assert camera.api_set_text('{"[NIC/eth0]MTU": 1300}') == SUCCESS
     assert camera.stop_daemon() == 0
-    assert stored(camera) == {"NIC.eth0.MTU": 1300}
+    assert stored(camera) == {**STORED_BY_START, "NIC.eth0.MTU": 1300}
