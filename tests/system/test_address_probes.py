@@ -7,7 +7,6 @@ from expectations import (
     ALIAS_DOWN,
     addresses_without_lease,
     boot_commands,
-    ifconfig,
     ipv4_of_kernel,
     ipv4_step,
     labelled,

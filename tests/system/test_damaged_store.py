@@ -6,7 +6,7 @@ import re
 from collections.abc import Callable
 
 import pytest
-from expectations import MANUAL_IPV4, SUCCESS, compact, lines_of_level, start, start_manual
+from expectations import SUCCESS, compact, lines_of_level, start, start_manual
 from stored_settings import LINK_MODES, STORED_BY_START, stored
 
 from camlab import Camera, wait_until

@@ -5,7 +5,6 @@ from __future__ import annotations
 import signal
 import threading
 from collections.abc import Callable
-from typing import Any
 
 import pytest
 from expectations import (
@@ -28,6 +27,7 @@ pytestmark = pytest.mark.quiet
 FOLDER = "/var/lib/quarn"
 FIRST = "[TrafficShaping]Rtp/BurstPercent"
 SECOND = "[TrafficShaping]Rtp/CeilPercent"
+NOT_APPLIED = {"[Settings]Apply": False}
 
 # One value of each kind, in rows of the store.
 CHANGED = {
@@ -162,7 +162,10 @@ def test_an_idle_daemon_has_emptied_its_log_and_kept_a_copy(make_camera: MakeCam
 
 
 class Stream(threading.Thread):
-    """Sets two settings to the same number, again and again, until nobody answers."""
+    """Sets two settings to the same number, again and again, until nobody answers.
+
+    They are saved and not applied, so that the kill comes upon the store at work.
+    """
 
     def __init__(self, camera: Camera, first: int) -> None:
         super().__init__()
@@ -176,7 +179,7 @@ class Stream(threading.Thread):
         try:
             while True:
                 value = self._next % 100
-                response = self._client.set({FIRST: value, SECOND: value})
+                response = self._client.set({FIRST: value, SECOND: value, **NOT_APPLIED})
                 self.responses.add(compact(response))
                 with self._some_answered:
                     self.answered = self._next

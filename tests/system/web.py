@@ -67,16 +67,20 @@ def fetch(camera: Camera, url: str, *options: str) -> str:
     return done.stdout if done.returncode == 0 else f"curl: {done.returncode}"
 
 
-def wait_page(camera: Camera, *urls: str) -> None:
-    """Wait until the pages come from all of the addresses."""
-    for url in urls:
-        camera.wait_until(lambda url=url: fetch(camera, url) == PAGE, f"{url} serves the page")
+def wait_page(camera: Camera, url: str) -> None:
+    """Wait until the page comes from an address."""
+    camera.wait_until(lambda: fetch(camera, url) == PAGE, f"{url} serves the page")
 
 
-def wait_refused(camera: Camera, *urls: str) -> None:
-    """Wait until nobody listens at the addresses any more."""
-    for url in urls:
-        camera.wait_until(lambda url=url: fetch(camera, url) == "curl: 7", f"{url} is refused")
+def listeners(camera: Camera) -> set[str]:
+    """Where the camera listens for TCP connections, as ss writes it (0.0.0.0:80, [::]:80)."""
+    lines = camera.run(["ss", "-Htln"], check=True).stdout.splitlines()
+    return {line.split()[3] for line in lines}
+
+
+def wait_listeners(camera: Camera, *sockets: str) -> None:
+    """Wait until the camera listens there and nowhere else: nginx takes a moment to reload."""
+    camera.wait_until(lambda: listeners(camera) == set(sockets), f"listeners are {sockets}")
 
 
 @dataclass(frozen=True)

@@ -3,7 +3,6 @@
 #include "settings/setting_store.h"
 #include "support.h"
 
-
 #include <algorithm>
 #include <ctime>
 
