@@ -268,15 +268,19 @@ bool write_iptables_rules_file(const Family& family)
     return succeeded;
 }
 
-// The raw wait status; 0 when there is nothing to load.
-int load_rules(const Family& family, const ShellCommand& command)
+// Failures are logged in the action's name.
+bool write_and_load(const Family& family, const char* action)
 {
-    return get_bool(family.enable_key) ? run_shell(command) : 0;
-}
-
-ShellCommand restore_command(const Family& family)
-{
-    return ShellCommand("%s < /tmp/.quarn/%s", family.restore, family.file);
+    if (!write_iptables_rules_file(family))
+        return false;
+    if (!get_bool(family.enable_key))
+        return true;
+    const ShellCommand command("%s < /tmp/.quarn/%s", family.restore, family.file);
+    const int raw_status = run_shell(command);
+    if (exit_status(raw_status) == 0)
+        return true;
+    log_message(LEVEL_ERROR, "%s: Bad shell return code %d from '%s'", action, raw_status, command.text());
+    return false;
 }
 
 } // namespace
@@ -337,24 +341,10 @@ bool verify_port_list(cJSON* item, JsonResponse* response)
 
 bool apply_iptables()
 {
-    if (!write_iptables_rules_file(IPV4))
-        return false;
-    const ShellCommand command = restore_command(IPV4);
-    const int raw_status = load_rules(IPV4, command);
-    if (exit_status(raw_status) == 0)
-        return true;
-    log_message(LEVEL_ERROR, "%s: Bad shell return code %d from '%s'", __func__, raw_status, command.text());
-    return false;
+    return write_and_load(IPV4, __func__);
 }
 
 bool apply_ip6tables()
 {
-    if (!write_iptables_rules_file(IPV6))
-        return false;
-    const ShellCommand command = restore_command(IPV6);
-    const int raw_status = load_rules(IPV6, command);
-    if (exit_status(raw_status) == 0)
-        return true;
-    log_message(LEVEL_ERROR, "%s: Bad shell return code %d from '%s'", __func__, raw_status, command.text());
-    return false;
+    return write_and_load(IPV6, __func__);
 }
