@@ -48,9 +48,10 @@ ShellCommand::ShellCommand(const char* format, ...)
     va_copy(copy, arguments);
     const char* unsafe = find_unsafe_text(format, copy);
     va_end(copy);
-    if (unsafe == nullptr)
-        text_ = OwnedText(g_strdup_vprintf(format, arguments)).get();
-    else
+    const OwnedText text(unsafe == nullptr ? g_strdup_vprintf(format, arguments) : nullptr);
+    if (text)
+        text_ = text.get();
+    else if (unsafe != nullptr)
         log_message(LEVEL_ERROR, "%s: Refused to run '%s' with the value '%s'", __func__, format, unsafe);
     va_end(arguments);
 }

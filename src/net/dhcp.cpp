@@ -80,6 +80,10 @@ void stop_any_dhcpv6()
 {
     log_message(LEVEL_INFO, "%s: Stopping any running DHCPv6 client", __func__);
     const ShellCommand command = kill_command(DHCPV6_CLIENT);
+    if (command.refused()) {
+        log_message(LEVEL_CRITICAL, "%s:%d: g_strdup_printf failure", HERE);
+        return;
+    }
     const int status = kill_client(DHCPV6_CLIENT, command);
     if (status != 0)
         log_message(LEVEL_DEBUG, "%s:%d: Received code %d on '%s'", HERE, status, command.text());
@@ -95,6 +99,10 @@ void start_dhcpv6()
     }
     const ShellCommand command("/usr/sbin/dhclient -6 -cf /etc/isc-dhcp/isc_dhclient6.conf -pf %s eth0",
                                DHCPV6_CLIENT.pid_file);
+    if (command.refused()) {
+        log_message(LEVEL_CRITICAL, "%s:%d: g_strdup_printf failure", HERE);
+        return;
+    }
     log_message(LEVEL_DEBUG, "%s:%d: DHCPv6 is enabled.  Starting client: '%s'", HERE, command.text());
     if (!start_in_background(command)) {
         log_message(LEVEL_WARNING, "%s: Couldn't start DHCPv6 client with '%s'", __func__, command.text());

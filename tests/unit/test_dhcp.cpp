@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 
 namespace {
@@ -27,6 +28,7 @@ struct RecordedStarts {
 
     Texts commands;
     bool fail = false;
+    std::string no_memory_for; // the beginning of a command that cannot be built
 };
 
 RecordedStarts* starts = nullptr;
@@ -90,6 +92,14 @@ extern "C" gboolean g_spawn_command_line_async(const gchar* command, GError** er
         return real<gboolean(const gchar*, GError**)>("g_spawn_command_line_async")(command, error);
     starts->commands.emplace_back(command);
     return starts->fail ? FALSE : TRUE;
+}
+
+extern "C" gchar* g_strdup_vprintf(const gchar* format, va_list arguments)
+{
+    if (starts != nullptr && !starts->no_memory_for.empty() &&
+        std::string_view(format).starts_with(starts->no_memory_for))
+        return nullptr;
+    return real<gchar*(const gchar*, va_list)>("g_strdup_vprintf")(format, arguments);
 }
 
 extern "C" DIR* opendir(const char* path)
@@ -230,6 +240,21 @@ TEST_F(dhcp, an_ipv6_client_that_cannot_be_started_is_logged)
     start_dhcpv6();
     EXPECT_EQ(take_important_log(),
               Log{"<4>start_dhcpv6: Couldn't start DHCPv6 client with '" + DHCLIENT + "'"});
+}
+
+TEST_F(dhcp, without_memory_for_its_command_the_ipv6_client_is_neither_started_nor_stopped)
+{
+    hold("[IPv6]Enabled", "true");
+    const std::string stopping = "<6>stop_any_dhcpv6: Stopping any running DHCPv6 client";
+    background.no_memory_for = "/usr/sbin/dhclient";
+    start_dhcpv6();
+    EXPECT_EQ(recorded_shell.commands, Texts{KILL_IPV6});
+    EXPECT_EQ(take_log(), (Log{stopping, "<2>start_dhcpv6:LINE: g_strdup_printf failure"}));
+    background.no_memory_for = "/bin/kill";
+    stop_any_dhcpv6();
+    EXPECT_EQ(recorded_shell.commands, Texts{KILL_IPV6});
+    EXPECT_EQ(take_log(), (Log{stopping, "<2>stop_any_dhcpv6:LINE: g_strdup_printf failure"}));
+    EXPECT_EQ(background.commands, Texts());
 }
 
 TEST_F(dhcp, stateful_addresses_without_ipv6_run_no_client_and_its_four_keys_are_reset)
