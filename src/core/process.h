@@ -1,8 +1,8 @@
 // core/process.h: the daemon as a Unix process.
 #pragma once
 
-// Sets the fixed search path and the umask, and drops every environment variable that the daemon does not
-// need, so that no caller's environment reaches the tools that it runs.
+// Sets the fixed search path, the bounds of name look-ups and the umask, and drops every environment variable
+// that the daemon does not need, so that no caller's environment reaches the tools that it runs.
 void prepare_process();
 
 // Forks into the background: true in the child, which leads a session of its own, stands in the root

@@ -52,11 +52,11 @@ TEST_F(process, keeps_of_the_environment_only_what_it_needs)
             dprintf(descriptor, "%s\n", entry.c_str());
         dprintf(descriptor, "umask %03o\n", umask(0));
     });
-    EXPECT_EQ(
-        output,
-        "CAMLAB_RECORD=value\nDBUS_SYSTEM_BUS_ADDRESS=value\nINVOCATION_ID=value\n"
-        "JOURNAL_STREAM=value\nLD_PRELOAD=value\nNOTIFY_SOCKET=value\n"
-        "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nQUARN_LOG_LEVEL=value\nSTATE_DIRECTORY=value\numask 022\n");
+    EXPECT_EQ(output,
+              "CAMLAB_RECORD=value\nDBUS_SYSTEM_BUS_ADDRESS=value\nINVOCATION_ID=value\n"
+              "JOURNAL_STREAM=value\nLD_PRELOAD=value\nNOTIFY_SOCKET=value\n"
+              "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nQUARN_LOG_LEVEL=value\nRES_OPTIONS=timeout:1 attempts:2\n"
+              "STATE_DIRECTORY=value\numask 022\n");
 }
 
 TEST_F(process, a_daemon_leads_its_own_session_in_the_root_directory_and_reads_nothing)
