@@ -69,8 +69,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         const bool is_ipv6 = event.ends_with('6');
         variables.emplace("reason", event);
         LastReport& last = is_ipv6 ? ipv6 : ipv4;
-        LastReport report =
-            is_ipv6 ? dhclient_report(variables, last) : udhcpc_report(event, variables, CLIENT, last);
+        LastReport report = is_ipv6 ? dhclient_report(variables, CLIENT, last)
+                                    : udhcpc_report(event, variables, CLIENT, last);
         if (!report.request)
             continue;
         require_accepted(report.request.get());

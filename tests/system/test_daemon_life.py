@@ -142,6 +142,7 @@ def test_commands_get_a_fixed_environment(make_camera: MakeCamera) -> None:
         "NOTIFY_SOCKET=/.camlab/notify",
         "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
         "QUARN_LOG_LEVEL=warning",
+        "RES_OPTIONS=timeout:1 attempts:2",
     ]
     assert umask == "Umask:\t0022\n"
 

@@ -68,7 +68,7 @@ def clients(camera: Camera, program: str) -> list[Client]:
             continue
         arguments = command_line.split("\0")[:-1]
         names = [argument.rpartition("/")[2] for argument in arguments[:2]]
-        if program in names[:2 if names[:1] == ["python3"] else 1]:
+        if program in names[: 2 if names[:1] == ["python3"] else 1]:
             found.append(Client(int(name), int(parent), arguments))
     pids = {client.pid for client in found}
     return [client for client in found if client.parent not in pids]
@@ -186,9 +186,7 @@ def test_a_client_has_none_of_the_daemons_descriptors(running_camera: Camera) ->
 # Never two of a family, none left behind
 
 
-@pytest.mark.parametrize(
-    ("key", "program"), [(IPV4_ENABLED, "udhcpc"), (IPV6_ENABLED, "dhclient")]
-)
+@pytest.mark.parametrize(("key", "program"), [(IPV4_ENABLED, "udhcpc"), (IPV6_ENABLED, "dhclient")])
 def test_switched_off_and_on_ten_times_at_once_one_client_runs_or_none(
     running_camera: Camera, key: str, program: str
 ) -> None:
@@ -213,7 +211,7 @@ def test_a_burst_of_switches_that_nobody_waits_for_leaves_what_the_last_one_says
         "/tmp/burst",
         "while read -r request; do\n"
         "  dbus-send --system --type=method_call --dest=com.vesko.networkingV2 "
-        "/com/vesko/networkingV2 com.vesko.networkingV2.api_set string:\"$request\"\n"
+        '/com/vesko/networkingV2 com.vesko.networkingV2.api_set string:"$request"\n'
         "done < /tmp/requests\n",
     )
     running_camera.clear_commands()
@@ -253,15 +251,17 @@ def test_clients_that_somebody_started_beside_ours_are_ended_with_them(
 
 
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM])
+@pytest.mark.parametrize(("key", "program"), [(IPV4_ENABLED, "udhcpc"), (IPV6_ENABLED, "dhclient")])
 def test_a_client_that_was_killed_is_followed_by_one_and_its_number_by_nobody(
-    running_camera: Camera, number: signal.Signals
+    running_camera: Camera, key: str, program: str, number: signal.Signals
 ) -> None:
-    [pid] = pids(running_camera, "udhcpc")
+    [pid] = pids(running_camera, program)
     running_camera.run(["kill", f"-{int(number)}", str(pid)], check=True)
-    running_camera.wait_until(lambda: not clients(running_camera, "udhcpc"), "the client ended")
-    switch(running_camera, IPV4_ENABLED, False)
-    switch(running_camera, IPV4_ENABLED, True)
-    assert len(clients(running_camera, "udhcpc")) == 1
+    running_camera.wait_until(lambda: pid not in pids(running_camera, program), "the client ended")
+    switch(running_camera, key, False)
+    assert clients(running_camera, program) == []
+    switch(running_camera, key, True)
+    assert len(clients(running_camera, program)) == 1
 
 
 def test_the_end_of_the_daemon_ends_its_clients(running_camera: Camera) -> None:
@@ -270,6 +270,28 @@ def test_the_end_of_the_daemon_ends_its_clients(running_camera: Camera) -> None:
     assert [command.text for command in running_camera.commands()] == [STOP_IPV4, STOP_IPV6]
     assert clients(running_camera, "udhcpc") == []
     assert clients(running_camera, "dhclient") == []
+
+
+def test_a_client_that_waits_for_its_link_is_ended_with_the_script_that_waits(
+    make_camera: MakeCamera,
+) -> None:
+    camera = make_camera(link_up=False)
+    camera.cable.cut()
+    for command in ("/usr/sbin/arping *", "kill -USR2 *"):
+        camera.rule(command, status=0)
+    assert start(camera) == ["READY=1"]
+    waiting = "quarn-dhcp-event"
+    for _ in range(2):
+        camera.wait_until(lambda: clients(camera, waiting), "the script waits for the link")
+        switch(camera, IPV6_ENABLED, False)
+        assert clients(camera, "dhclient") == []
+        camera.wait_until(lambda: not clients(camera, waiting), "the script ended", timeout=2)
+        switch(camera, IPV6_ENABLED, True)
+        assert len(clients(camera, "dhclient")) == 1
+    camera.wait_until(lambda: clients(camera, waiting), "the script waits for the link")
+    assert camera.stop_daemon() == 0
+    assert clients(camera, "dhclient") == []
+    camera.wait_until(lambda: not clients(camera, waiting), "the script ended", timeout=2)
 
 
 def test_clients_of_a_killed_daemon_make_place_for_those_of_the_next_one(

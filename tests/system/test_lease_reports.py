@@ -2,17 +2,14 @@
 
 from __future__ import annotations
 
-import ipaddress
 import json
 import signal
+import time
 from collections.abc import Callable
-from pathlib import Path
-from typing import Any
 
 import pytest
 from expectations import (
     ALIAS_DOWN,
-    MULTICAST_NETWORK,
     MULTICAST_ROUTE,
     NO_ALIAS,
     compact,
@@ -23,39 +20,47 @@ from expectations import (
     probe,
     start_with_free_addresses,
 )
+from leases import (
+    DNS,
+    DOMAIN,
+    HELPER,
+    IPV4_KEYS,
+    IPV6_KEYS,
+    LOST_LEASE,
+    NTP,
+    RELOAD_NTP,
+    ROUTER,
+    SEARCH,
+    SUBNET_MASK,
+    addresses,
+    call_helper,
+    default_gateways,
+    dnsmasq,
+    has_leased_network,
+    has_no_lease,
+    lease,
+    lease_request,
+    lease_server,
+    mask,
+    names,
+    prepare_lan,
+    renew,
+    reports,
+    scripted_server,
+    settings,
+    udhcpc,
+    wait_for_link,
+    wait_reports,
+)
 from stored_settings import stored
 
 from camlab import Camera, Command, Process
 from camlab.namespaces import ENVIRONMENT
 
 MakeCamera = Callable[..., Camera]
-Answer = dict[str, Any]
 
-HELPER = "/usr/lib/quarn/quarn-dhcp-event"
-SCRIPTED_SERVER = Path(__file__).with_name("scripted_dhcp_server.py")
+BUS_NAME = "com.vesko.networkingV2"
 REMOVE_ROUTES = "while /sbin/route del default gw 0.0.0.0 dev eth0 2>/dev/null ; do : ; done"
-RELOAD_NTP = "kill -USR2 $(pidof -s ntp-keeper)"
-
-IPV4_KEYS = [
-    "[IPv4/DHCP]Address",
-    "[IPv4/DHCP]Netmask",
-    "[IPv4/DHCP]Gateways",
-    "[DNS/IPv4/DHCP]Servers",
-    "[DNS/IPv4/DHCP]Search",
-    "[NTP/IPv4/DHCP]Servers",
-]
-LOST_LEASE = (
-    '{"[IPv4/DHCP]Address":null,"[IPv4/DHCP]Gateways":[],"[DNS/IPv4/DHCP]Servers":[],'
-    '"[DNS/IPv4/DHCP]Search":[],"[NTP/IPv4/DHCP]Servers":[]}'
-)
-IPV6_KEYS = [
-    "[IPv6/Stateful]Addresses",
-    "[DNS/IPv6/DHCP]Servers",
-    "[DNS/IPv6/DHCP]Search",
-    "[NTP/IPv6/DHCP]Servers",
-]
-
-SUBNET_MASK, ROUTER, DNS, DOMAIN, NTP, SEARCH = 1, 3, 6, 15, 42, 119
 
 
 def add_gateway(address: str) -> str:
@@ -63,92 +68,10 @@ def add_gateway(address: str) -> str:
     return f"/sbin/route add default gw {address} eth0 2>/dev/null"
 
 
-def wait_for_link(camera: Camera) -> None:
-    """A frame that is sent before is lost, and the client tries again only after ten seconds."""
-    camera.wait_until(lambda: camera.addresses(6), "eth0 has its link-local address")
-
-
-def dnsmasq(camera: Camera, *options: str) -> Process:
-    """Run dnsmasq on the LAN as nothing but a DHCP server and router."""
-    server = camera.lan.start(
-        [
-            *("dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--port=0"),
-            *("--interface=lan0", "--bind-interfaces", "--log-facility=-", "--no-ping"),
-            *("--dhcp-leasefile=/tmp/leases", "--pid-file=/tmp/dnsmasq.pid"),
-            *("--dhcp-authoritative", *options),
-        ]
-    )
-    camera.wait_until(lambda: "DHCP" in server.stderr, "dnsmasq serves")
-    return server
-
-
-def lease_server(camera: Camera, first: str = "10.1.2.50", *options: str) -> Process:
-    """Run a server that leases one address of 10.1.2.0/24, with two DNS servers and one for NTP."""
-    return dnsmasq(
-        camera,
-        f"--dhcp-range={first},{first},255.255.255.0,2m",
-        "--dhcp-option=option:router,10.1.2.1",
-        "--dhcp-option=option:dns-server,10.1.2.53,10.1.2.54",
-        "--dhcp-option=option:ntp-server,10.1.2.123",
-        "--domain=lan.example.org",
-        *options,
-    )
-
-
-def scripted_server(camera: Camera, *answers: Answer | None) -> Process:
-    """Run the server that says what a real one refuses to say."""
-    code = SCRIPTED_SERVER.read_text(encoding="utf-8")
-    server = camera.lan.start(["/usr/bin/python3", "-c", code, json.dumps(answers)])
-    camera.wait_until(lambda: server.stdout, "the scripted server listens")
-    return server
-
-
-def lease(address: str, *options: tuple[int, bytes], **more: int) -> Answer:
-    """One answer of the scripted server."""
-    return {"address": address, "options": [(code, text.hex()) for code, text in options], **more}
-
-
-def reports(camera: Camera) -> list[str]:
-    """The set requests that the daemon has got, in order."""
-    begin = "<5>api_set: API call: SET.  Data: "
-    return [line[len(begin) :] for line in camera.log_lines() if line.startswith(begin)]
-
-
-def wait_reports(camera: Camera, count: int, timeout: float = 30) -> list[str]:
-    """Wait until the daemon has got so many set requests, and has dealt with them."""
-    camera.wait_log("api_set: API call: SET.  Data: ", count, timeout)
-    camera.get("[NIC/eth0]MTU")  # answered when the request before it is done with
-    return reports(camera)
-
-
-def settings(camera: Camera, keys: list[str]) -> list[Any]:
-    """The values of some settings."""
-    response = camera.api_get(keys)
-    return [response[key] for key in keys]
-
-
-def udhcpc(camera: Camera) -> int:
-    """The process id of the one DHCP client, as the camera sees it."""
-    [pid] = camera.run(["pidof", "udhcpc"]).stdout.split()
-    return int(pid)
-
-
-def renew(camera: Camera) -> None:
-    """Let the client renew its lease now."""
-    camera.run(["kill", "-USR1", str(udhcpc(camera))], check=True)
-
-
 @pytest.fixture
 def lan_camera(camera: Camera) -> Camera:
     """Return a camera whose LAN has 10.1.2.1 and whose link is ready."""
-    # Servers that are not there at all would hold every look-up of a name up.
-    for address in ("10.1.2.1", "10.1.2.53", "10.1.2.54"):
-        camera.lan.own(address)
-    camera.rule(RELOAD_NTP, status=0)
-    # A queue that is replaced loses what is in it, maybe the client's first words.
-    camera.rule("/sbin/tc *", status=0)
-    wait_for_link(camera)
-    return camera
+    return prepare_lan(camera)
 
 
 @pytest.fixture
@@ -161,64 +84,10 @@ def leased_camera(lan_camera: Camera) -> Camera:
     return lan_camera
 
 
-def lease_request(address: str = "10.1.2.50", *, is_new: bool = True) -> str:
-    """The report of a lease of lease_server()."""
-    return (
-        f'{{"[IPv4/DHCP]Address":"{address}","[IPv4/DHCP]Netmask":24,'
-        + ('"[IPv4/DHCP]Gateways":[],' if is_new else "")
-        + '"[IPv4/DHCP]Gateways":["10.1.2.1"],"[DNS/IPv4/DHCP]Servers":["10.1.2.53","10.1.2.54"],'
-        '"[DNS/IPv4/DHCP]Search":["lan.example.org"],"[NTP/IPv4/DHCP]Servers":["10.1.2.123"]}'
-    )
-
-
-def lease_settings(address: str = "10.1.2.50") -> list[Any]:
-    """The values of IPV4_KEYS with a lease of lease_server()."""
-    return [
-        *(address, 24, ["10.1.2.1"], ["10.1.2.53", "10.1.2.54"]),
-        *(["lan.example.org"], ["10.1.2.123"]),
-    ]
-
-
-def has_leased_network(camera: Camera, address: str = "10.1.2.50") -> None:
-    """Settings and kernel are those of a lease of lease_server()."""
-    assert settings(camera, IPV4_KEYS) == lease_settings(address)
-    assert ipv4_of_kernel(camera) == [labelled(f"{address}/24")]
-    assert [
-        (route["dst"], route.get("gateway")) for route in camera.routes() if "." in route["dst"]
-    ] == [("10.1.2.0/24", None), (MULTICAST_NETWORK, None)]
-    assert default_gateways(camera) == ["10.1.2.1"]
-
-
-def has_no_lease(camera: Camera, netmask: int | None = 24) -> None:
-    """Settings and kernel are those of a camera without a lease, but for the lost one's netmask."""
-    link_local = stored(camera)["IPv4.LocalLink.Address"]
-    assert settings(camera, IPV4_KEYS) == [None, netmask, [], [], [], []]
-    assert ipv4_of_kernel(camera) == [
-        labelled(f"{link_local}/16"),
-        labelled("192.168.0.20/24", "eth0:1"),
-    ]
-    assert default_gateways(camera) == []
-
-
-def default_gateways(camera: Camera) -> list[str]:
-    """The gateways of the kernel's IPv4 default routes."""
-    return [route["gateway"] for route in camera.routes() if route["dst"] == "default"]
-
-
 def blocks(camera: Camera, path: str) -> list[str]:
     """The lines of a generated file that name servers."""
     lines = camera.read_file(path).splitlines()
     return [line for line in lines if line.startswith(("nameserver", "server", "search"))]
-
-
-def call_helper(camera: Camera, *arguments: str, **variables: str) -> tuple[int, list[str]]:
-    """Call the helper as a client's script does, with a shell as client; its status and log."""
-    environment = {**ENVIRONMENT, "interface": "eth0", **variables}
-    script = f'{HELPER} "$@"; exit $?'
-    result = camera.run(
-        ["/.camlab/real/sh", "-c", script, "sh", *arguments], environment=environment
-    )
-    return result.returncode, result.stderr.splitlines()
 
 
 # A lease comes
@@ -278,6 +147,30 @@ def test_a_new_address_with_the_same_gateway_keeps_its_default_route(lan_camera:
     ]
     assert ipv4_of_kernel(lan_camera) == [labelled("10.1.2.51/24")]
     assert default_gateways(lan_camera) == ["10.1.2.1"]
+
+
+# Two seconds each with the real prober: a boot needs these two and no more.
+def test_a_boot_probes_link_local_and_fallback_once_whether_a_lease_comes_or_not(
+    lan_camera: Camera,
+) -> None:
+    start_with_free_addresses(lan_camera)
+    link_local = stored(lan_camera)["IPv4.LocalLink.Address"]
+    needed = [probe(link_local), probe("192.168.0.20")]
+    assert call_helper(lan_camera, "udhcpc", "leasefail") == (0, [])
+    assert probes(lan_camera) == needed
+    lan_camera.reboot()
+    wait_for_link(lan_camera)
+    lease_server(lan_camera)
+    start_with_free_addresses(lan_camera)
+    wait_reports(lan_camera, 1)
+    has_leased_network(lan_camera)
+    assert probes(lan_camera) == needed
+
+
+def probes(camera: Camera) -> list[Command]:
+    """The probes up to now."""
+    camera.get("[NIC/eth0]MTU")
+    return [command for command in camera.commands() if "arping" in command.text]
 
 
 # A lease goes
@@ -374,25 +267,34 @@ def test_dhcp_off_and_on_again_within_a_lease_brings_it_back_whole(leased_camera
     has_leased_network(leased_camera)
 
 
+def test_a_report_under_way_while_dhcp_is_switched_off_reaches_neither_address_nor_route_nor_server(
+    leased_camera: Camera,
+) -> None:
+    switch_off = ["/usr/bin/dbus-send", "--system", "--type=method_call", f"--dest={BUS_NAME}"]
+    switch_off += [f"/{BUS_NAME.replace('.', '/')}", f"{BUS_NAME}.api_set"]
+    late = {"ip": "10.1.2.78", "subnet": "255.255.255.0", "router": "10.1.2.1", "dns": "10.1.2.53"}
+    hanging = leased_camera.hang("/sbin/ifconfig *", times=1)
+    early = {**late, "ip": "10.1.2.77"}
+    assert call_helper(leased_camera, "udhcpc", "bound", **early) == (0, [])
+    leased_camera.recorder.wait_for(ALIAS_DOWN, finished=False)
+    off = {
+        "[IPv4/DHCP]Enabled": False,
+        "[IPv4/Manual]Address": "10.1.2.99",
+        "[IPv4/Manual]Netmask": 24,
+    }
+    leased_camera.run([*switch_off, f"string:{compact(off)}"], check=True)
+    assert call_helper(leased_camera, "udhcpc", "bound", **late) == (0, [])
+    hanging.release()
+    assert json.loads(wait_reports(leased_camera, 4)[3])["[IPv4/DHCP]Address"] == "10.1.2.78"
+    assert ipv4_of_kernel(leased_camera) == [labelled("10.1.2.99/24")]
+    assert default_gateways(leased_camera) == []
+    assert blocks(leased_camera, "/etc/resolv.conf") == []
+    leased_camera.api_set({"[IPv4/DHCP]Enabled": True})
+    assert wait_reports(leased_camera, 6)[5] == lease_request()
+    has_leased_network(leased_camera)
+
+
 # Servers that lie
-
-
-def mask(length: int) -> bytes:
-    """A netmask as option 1 carries it."""
-    return (0xFFFFFFFF << (32 - length) & 0xFFFFFFFF).to_bytes(4, "big")
-
-
-def addresses(*texts: str) -> bytes:
-    """IPv4 addresses as options carry them."""
-    return b"".join(ipaddress.IPv4Address(text).packed for text in texts)
-
-
-def names(*texts: bytes) -> bytes:
-    """Domain names as option 119 carries them, one label a part between dots."""
-    return b"".join(
-        b"".join(bytes([len(label)]) + label for label in text.split(b".")) + b"\0"
-        for text in texts
-    )
 
 
 def test_hostile_options_are_dropped_one_by_one_and_cost_no_lease(lan_camera: Camera) -> None:
@@ -451,13 +353,23 @@ def test_a_search_list_of_a_real_server_comes_before_its_domain(lan_camera: Came
     assert lan_camera.get("[DNS/IPv4/DHCP]Search") == ["one.example", "two.example"]
 
 
-@pytest.mark.parametrize("options", [[], [(SUBNET_MASK, bytes(4))], [(SUBNET_MASK, mask(32))]])
+@pytest.mark.parametrize(
+    ("options", "netmask"),
+    [
+        ([], ""),
+        ([(SUBNET_MASK, bytes(4))], "0.0.0.0"),
+        ([(SUBNET_MASK, mask(32))], "255.255.255.255"),
+    ],
+)
 def test_a_lease_without_a_usable_netmask_takes_its_class_s(
-    lan_camera: Camera, options: list[tuple[int, bytes]]
+    lan_camera: Camera, options: list[tuple[int, bytes]], netmask: str
 ) -> None:
     scripted_server(lan_camera, lease("192.0.2.50", *options))
     start_with_free_addresses(lan_camera)
     wait_reports(lan_camera, 1)
+    assert lan_camera.wait_log("prefix_length_of") == (
+        f"<4>prefix_length_of: The lease has no usable netmask ('{netmask}'). Using /24"
+    )
     assert ipv4_of_kernel(lan_camera) == [labelled("192.0.2.50/24")]
 
 
@@ -553,6 +465,38 @@ def test_a_stateful_lease_comes_back_after_a_restart_of_the_daemon(ipv6_camera: 
     assert global_ipv6(ipv6_camera) == ["2001:db8::100/128"]
 
 
+def test_an_address_that_a_renewal_passes_over_stays_until_its_time_is_up(
+    ipv6_camera: Camera,
+) -> None:
+    scripted_server(
+        ipv6_camera,
+        {"renewal": 1, "addresses": [["2001:db8::100", 4]]},
+        {"renewal": 900, "addresses": [["2001:db8::200", 3600]]},
+        program="scripted_dhcpv6_server.py",
+    )
+    start_with_free_addresses(ipv6_camera)
+    told = [json.loads(report)[IPV6_KEYS[0]] for report in wait_reports(ipv6_camera, 4)]
+    old, new = "2001:db8::100/128", "2001:db8::200/128"
+    assert told == [[old], [old], [old, new], [new]]
+    assert global_ipv6(ipv6_camera) == [new]
+
+
+def test_the_addresses_of_a_lease_come_back_with_the_next_client(ipv6_camera: Camera) -> None:
+    leased = ["2001:db8::100", "2001:db8::200"]
+    scripted_server(
+        ipv6_camera,
+        {"renewal": 900, "addresses": [[address, 3600] for address in leased]},
+        program="scripted_dhcpv6_server.py",
+    )
+    start_with_free_addresses(ipv6_camera)
+    wait_reports(ipv6_camera, 2)
+    ipv6_camera.stop_daemon()
+    start_with_free_addresses(ipv6_camera)
+    told = [json.loads(report)[IPV6_KEYS[0]] for report in wait_reports(ipv6_camera, 2)]
+    assert told == [[f"{leased[0]}/128"], [f"{address}/128" for address in leased]]
+    assert sorted(global_ipv6(ipv6_camera)) == [f"{address}/128" for address in leased]
+
+
 def test_router_advertisements_bring_names_without_dhcp(ipv6_camera: Camera) -> None:
     start_with_free_addresses(ipv6_camera)
     ipv6_camera.run(["install", "-d", "-o", "nobody", "/run/rdnssd"], check=True)
@@ -575,6 +519,18 @@ def test_router_advertisements_bring_names_without_dhcp(ipv6_camera: Camera) -> 
 
 
 # The helper by itself
+
+
+def test_a_client_begins_when_eth0_is_shaped_or_half_a_second_later(camera: Camera) -> None:
+    def duration() -> float:
+        begin = time.monotonic()
+        assert call_helper(camera, "udhcpc", "deconfig") == (0, [])
+        return time.monotonic() - begin
+
+    assert duration() >= 0.5
+    shape = ["/sbin/tc", "qdisc", "replace", "dev", "eth0", "root", "handle", "1:", "htb"]
+    camera.run(shape, check=True)
+    assert min(duration() for _ in range(3)) < 0.5
 
 
 def test_the_helper_does_not_wait_for_a_daemon_that_is_busy(leased_camera: Camera) -> None:

@@ -43,7 +43,6 @@ const Variables LEASE6 = {
     {"reason", "BOUND6"},
     {"new_ip6_address", "2001:db8::100"},
     {"new_ip6_prefixlen", "64"},
-    {"new_life_starts", "1000"},
     {"new_dhcp6_name_servers", "2001:db8::53 fe80::1"},
     {"new_dhcp6_domain_search", "example.org. lab.example.org."},
     {"new_dhcp6_sntp_servers", "2001:db8::123"},
@@ -326,9 +325,9 @@ TEST_F(udhcpc_events, a_last_report_of_another_form_counts_as_none)
 
 class dhclient_events : public QuarnTest {
 protected:
-    std::string after(const Variables& variables)
+    std::string after(const Variables& variables, const char* client = CLIENT)
     {
-        LastReport report = dhclient_report(variables, last);
+        LastReport report = dhclient_report(variables, client, last);
         if (!report.request)
             return "(nothing)";
         last = std::move(report);
@@ -349,29 +348,32 @@ TEST_F(dhclient_events, bound_renew_and_rebind_report_all_without_trailing_dots)
             << reason;
 }
 
-TEST_F(dhclient_events, the_addresses_of_one_answer_are_gathered)
+TEST_F(dhclient_events, the_addresses_of_one_lease_are_gathered)
 {
     after(LEASE6);
     EXPECT_EQ(after(with(LEASE6, {{"new_ip6_address", "2001:db8::101"}})),
               lease6_request(R"(["2001:db8::100/64","2001:db8::101/64"])"));
 }
 
-TEST_F(dhclient_events, a_renewal_of_several_addresses_takes_none_away_meanwhile)
+TEST_F(dhclient_events, an_address_that_a_renewal_passes_over_stays_beside_the_new_one_until_it_expires)
 {
+    constexpr char BOTH[] = R"(["2001:db8::100/64","2001:db8::200/64"])";
     after(LEASE6);
-    const std::string both = after(with(LEASE6, {{"new_ip6_address", "2001:db8::101"}}));
-    const Variables renewal = with(LEASE6, {{"reason", "RENEW6"}, {"new_life_starts", "1060"}});
-    EXPECT_EQ(after(renewal), both);
-    EXPECT_EQ(after(with(renewal, {{"new_ip6_address", "2001:db8::101"}})), both);
+    for (int renewal = 0; renewal < 3; renewal++) {
+        const Variables kept = with(LEASE6, {{"reason", "RENEW6"}});
+        const Variables added = with(kept, {{"new_ip6_address", "2001:db8::200"}});
+        EXPECT_EQ(after(kept), lease6_request(renewal == 0 ? R"(["2001:db8::100/64"])" : BOTH));
+        EXPECT_EQ(after(added), lease6_request(BOTH));
+    }
+    EXPECT_EQ(after("EXPIRE6", "2001:db8::100"), lease6_request(R"(["2001:db8::200/64"])"));
 }
 
-TEST_F(dhclient_events, another_address_in_a_later_answer_takes_the_place_of_the_first)
+TEST_F(dhclient_events, a_new_client_has_none_of_the_addresses_of_the_one_before)
 {
     after(LEASE6);
-    EXPECT_EQ(after(with(LEASE6, {{"reason", "REBIND6"},
-                                  {"new_life_starts", "1105"},
-                                  {"new_ip6_address", "2001:db8::200"}})),
-              lease6_request(R"(["2001:db8::200/64"])"));
+    after(with(LEASE6, {{"new_ip6_address", "2001:db8::101"}}));
+    EXPECT_EQ(after(with(LEASE6, {{"new_ip6_address", "2001:db8::101"}}), NEXT_CLIENT),
+              lease6_request(R"(["2001:db8::101/64"])"));
 }
 
 TEST_F(dhclient_events, an_expired_address_is_taken_out_and_with_the_last_one_all_is_gone)
@@ -500,8 +502,8 @@ TEST_F(lease_requests, are_accepted_by_the_daemon_whole)
     LastReport lease = udhcpc_report("bound", odd, CLIENT, {});
     EXPECT_EQ(answer_to(lease.request), ACCEPTED);
     EXPECT_EQ(answer_to(udhcpc_report("leasefail", odd, CLIENT, lease).request), ACCEPTED);
-    EXPECT_EQ(answer_to(dhclient_report(LEASE6, {}).request), ACCEPTED);
-    EXPECT_EQ(answer_to(dhclient_report(with(LEASE6, {{"reason", "STOP6"}}), {}).request), ACCEPTED);
+    EXPECT_EQ(answer_to(dhclient_report(LEASE6, CLIENT, {}).request), ACCEPTED);
+    EXPECT_EQ(answer_to(dhclient_report(with(LEASE6, {{"reason", "STOP6"}}), CLIENT, {}).request), ACCEPTED);
     EXPECT_EQ(answer_to(router_advertisement_request("nameserver fe80::1%eth0\nsearch a.example.\n")),
               ACCEPTED);
 }

@@ -199,15 +199,13 @@ std::string read_ipv6_address(const Variables& variables)
     return address.empty() ? address : address + "/" + std::to_string(length);
 }
 
-// dhclient calls once for each address of an answer, and its addresses share the second at which it came. A
-// new address of the same answer joins the others, one of a later answer stands in their place.
-Items joined_addresses(const std::string& address, bool is_same_answer, const LastReport& last)
+// dhclient calls once for each address that it has, at every renewal again. One that the server passes over
+// is still its own until EXPIRE6; only what an earlier client had is forgotten.
+Items joined_addresses(const std::string& address, bool is_new_client, const LastReport& last)
 {
-    Items addresses = reported_addresses(last);
+    Items addresses = is_new_client ? Items() : reported_addresses(last);
     if (address.empty() || std::ranges::find(addresses, address) != addresses.end())
         return addresses;
-    if (!is_same_answer)
-        addresses.clear();
     if (addresses.size() < MAX_IPV6_ADDRESSES)
         addresses.push_back(address);
     else
@@ -216,17 +214,16 @@ Items joined_addresses(const std::string& address, bool is_same_answer, const La
     return addresses;
 }
 
-LastReport ipv6_lease_report(const Variables& variables, const LastReport& last)
+LastReport ipv6_lease_report(const Variables& variables, const std::string& client, const LastReport& last)
 {
-    const std::string answer = value_of(variables, "new_life_starts");
-    const Items addresses = joined_addresses(read_ipv6_address(variables), answer == last.mark, last);
+    const Items addresses = joined_addresses(read_ipv6_address(variables), client != last.mark, last);
     const LearnedServers servers = {
         pick_items("DHCPv6 DNS servers", value_of(variables, "new_dhcp6_name_servers"), is_host_ipv6,
                    MAX_IPV6_DNS_SERVERS),
         pick_domains("DHCPv6 search list", value_of(variables, "new_dhcp6_domain_search")),
         pick_items("DHCPv6 NTP servers", value_of(variables, "new_dhcp6_sntp_servers"), is_ipv6_or_name,
                    MAX_NTP_SERVERS)};
-    return {answer, ipv6_request(addresses, servers)};
+    return {client, ipv6_request(addresses, servers)};
 }
 
 // One address has come to its end; with the last one all is gone.
@@ -273,13 +270,13 @@ LastReport udhcpc_report(std::string_view event, const Variables& variables, con
     return {client, is_lost && reports_lease(last) ? lost_ipv4_lease_request() : nullptr};
 }
 
-LastReport dhclient_report(const Variables& variables, const LastReport& last)
+LastReport dhclient_report(const Variables& variables, const std::string& client, const LastReport& last)
 {
     if (value_of(variables, "interface") != INTERFACE)
         return {};
     const std::string reason = value_of(variables, "reason");
     if (reason == "BOUND6" || reason == "RENEW6" || reason == "REBIND6")
-        return ipv6_lease_report(variables, last);
+        return ipv6_lease_report(variables, client, last);
     if (reason == "EXPIRE6")
         return {last.mark, expired_ipv6_request(variables, last)};
     if (reason == "RELEASE6" || reason == "STOP6")

@@ -28,11 +28,11 @@ bool has_usable_link_local()
 
 } // namespace
 
-bool wait_for_link_local()
+bool wait_for_link_local(pid_t client)
 {
     const gint64 deadline = g_get_monotonic_time() + PATIENCE;
     while (!has_usable_link_local()) {
-        if (g_get_monotonic_time() >= deadline)
+        if (getppid() != client || g_get_monotonic_time() >= deadline)
             return false;
         g_usleep(PAUSE);
     }

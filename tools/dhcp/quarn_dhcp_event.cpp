@@ -1,10 +1,11 @@
 // quarn-dhcp-event: called by the scripts of udhcpc, dhclient and rdnssd, it reports to the daemon what they
 // have learned, and leaves at once. The daemon, which may at this moment wait for a client to end, is never
-// waited for.
+// waited for; what a client's first words wait for is the state of the link, and not for long.
 #include "core/log.h"
 #include "last_report.h"
 #include "lease_requests.h"
 #include "link_local.h"
+#include "link_queue.h"
 #include "small_files.h"
 
 #include <systemd/sd-bus.h>
@@ -104,12 +105,17 @@ bool report_lease(const char* name, pid_t client, const LastReport& event)
     return report(event.request.get()) && keep_last_report(name, event);
 }
 
-bool handle_udhcpc(const char* event)
+bool handle_udhcpc(std::string_view event)
 {
     constexpr char NAME[] = "udhcpc.json";
     const pid_t client = getppid();
     const LastReport last = read_last_report(NAME);
-    return report_lease(NAME, client, udhcpc_report(event, read_environment(), identity_of(client), last));
+    const LastReport change = udhcpc_report(event, read_environment(), identity_of(client), last);
+    const bool succeeded = report_lease(NAME, client, change);
+    // Every client begins with this event, and then sends its first question.
+    if (event == "deconfig")
+        wait_for_shaping(client);
+    return succeeded;
 }
 
 bool handle_dhclient()
@@ -118,9 +124,11 @@ bool handle_dhclient()
     const pid_t client = getppid();
     const Variables variables = read_environment();
     const auto reason = variables.find("reason");
-    if (reason != variables.end() && reason->second == "PREINIT6" && !wait_for_link_local())
+    const bool is_first = reason != variables.end() && reason->second == "PREINIT6";
+    if (is_first && !wait_for_link_local(client) && getppid() == client)
         log_message(LEVEL_WARNING, "%s: eth0 has no usable IPv6 link-local address yet", __func__);
-    return report_lease(NAME, client, dhclient_report(variables, read_last_report(NAME)));
+    return report_lease(NAME, client,
+                        dhclient_report(variables, identity_of(client), read_last_report(NAME)));
 }
 
 bool handle_rdnssd()
