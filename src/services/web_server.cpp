@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -26,6 +27,8 @@ constexpr char AUTHORITY[] = "[Webserver/HTTPS]Authority";
 constexpr char MAIN_FILE[] = "/etc/nginx/nginx.conf";
 constexpr char FRAGMENT[] = "/tmp/.quarn/nginx.conf";
 constexpr char CHAIN_FILE[] = "/tmp/.quarn/chained_cert.pem";
+// More than any main file: what a damaged file system says of a size must not take all memory.
+constexpr off_t LARGEST_MAIN_FILE = off_t{16} << 20;
 
 // The odd spacing, and the cache headers inside a comment line, are what cameras in the field have.
 constexpr char MAIN_FILE_TEMPLATE[] = R"(# written by quarn
@@ -80,8 +83,8 @@ MainFile examine_main_file(const char* writer)
         log_message(LEVEL_CRITICAL, "%s:%d: Can't stat nginx.conf", writer, __LINE__);
         return MainFile::UNREADABLE;
     }
-    std::string content(static_cast<std::size_t>(status.st_size), '\0');
-    if (read(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    std::string content(static_cast<std::size_t>(std::min(status.st_size, LARGEST_MAIN_FILE)), '\0');
+    if (read(file.get(), content.data(), content.size()) != status.st_size) {
         log_message(LEVEL_CRITICAL, "%s:%d: Can't read nginx.conf", writer, __LINE__);
         return MainFile::UNREADABLE;
     }

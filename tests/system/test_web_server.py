@@ -189,12 +189,36 @@ def test_a_correct_main_file_stays_as_it_is(make_camera: MakeCamera, content: st
     assert main_file_lines(camera) == []
 
 
-def test_a_main_file_that_cannot_be_read_ends_the_writing(make_camera: MakeCamera) -> None:
+def put_folder(camera: Camera) -> None:
+    camera.files.make_folder(MAIN_FILE)
+
+
+def put_endless_link(camera: Camera) -> None:
+    camera.run(["ln", "-s", MAIN_FILE, MAIN_FILE], check=True)
+
+
+def put_huge_file(camera: Camera) -> None:
+    camera.run(["truncate", "-s", "1T", MAIN_FILE], check=True)
+
+
+@pytest.mark.parametrize(
+    ("put", "fault"),
+    [
+        pytest.param(put_folder, "Can't read", id="a folder"),
+        pytest.param(put_huge_file, "Can't read", id="a file larger than memory"),
+        pytest.param(put_endless_link, "Can't stat", id="a link to itself"),
+    ],
+)
+def test_a_main_file_that_cannot_be_read_ends_the_writing(
+    make_camera: MakeCamera, put: Callable[[Camera], None], fault: str
+) -> None:
     camera = make_camera(variables=MANUAL_IPV4)
     camera.files.remove(MAIN_FILE)
-    camera.files.make_folder(MAIN_FILE)
+    # One that a disk can hold as a hole.
+    camera.mount("tmpfs", "/etc/nginx", "tmpfs", 0)
+    put(camera)
     assert start(camera) == ["READY=1"]
-    assert main_file_lines(camera) == ["<2>quarn_write_nginxconf:LINE: Can't read nginx.conf"]
+    assert main_file_lines(camera) == [f"<2>quarn_write_nginxconf:LINE: {fault} nginx.conf"]
     assert not camera.files.exists(FRAGMENT)
     assert camera.commands() == MANUAL_BOOT
 

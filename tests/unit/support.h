@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <utility>
@@ -65,6 +66,24 @@ public:
 
 private:
     rlimit before_{};
+};
+
+// Has cJSON find no memory once: for its allocation of this number, counted from 1 on.
+class FailingAllocation {
+public:
+    explicit FailingAllocation(int number)
+    {
+        left = number;
+        cJSON_Hooks hooks = {[](std::size_t size) { return --left == 0 ? nullptr : std::malloc(size); },
+                             std::free};
+        cJSON_InitHooks(&hooks);
+    }
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+    ~FailingAllocation() { cJSON_InitHooks(nullptr); }
+
+private:
+    inline static int left = 0;
 };
 
 // A JSON item from its text, with its key attached where one is given.

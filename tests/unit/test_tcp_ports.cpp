@@ -41,6 +41,12 @@ private:
     std::uint16_t port_ = 0;
 };
 
+std::string refusal_of(const char* key, int code, const char* message)
+{
+    return R"({"success":false,"errors":[{"key":")" + std::string(key) + R"(","code":)" +
+           std::to_string(code) + R"(,"msg":")" + message + R"("}]})";
+}
+
 // A port on which nothing listens as long as the object lives.
 class FreePort : public LocalSocket {
 public:
@@ -284,6 +290,29 @@ TEST_F(tcp_ports, a_stored_port_that_went_bad_does_not_bar_its_replacement)
     const FreePort free;
     hold_ports(R"("eighty")", "443", "554");
     EXPECT_EQ(verify_group(ports(free.text())), ACCEPTED);
+}
+
+TEST_F(tcp_ports, a_stored_port_that_cannot_be_read_is_told_alone_and_with_its_key)
+{
+    // Taken, which is looked at only once all ports could be read.
+    const LocalSocket listener(AF_INET);
+    std::vector<std::string> told;
+    // Each allocation of the check fails once, until every reading has failed.
+    constexpr int MOST_ALLOCATIONS = 20;
+    for (int number = 1; number < MOST_ALLOCATIONS && told.size() < 3; ++number) {
+        const auto response = json_response_new();
+        const auto request = json_set_request_new(ports(listener.text()).c_str(), response.get());
+        {
+            const FailingAllocation failing(number);
+            EXPECT_FALSE(verify_group_network_ports(request.get(), response.get()));
+        }
+        const std::string text = print(response->root.get());
+        if (told.empty() || told.back() != text)
+            told.push_back(text);
+    }
+    EXPECT_EQ(told, (std::vector{refusal_of("[Webserver/HTTP]Port", 1, "Can't read existing HTTP port"),
+                                 refusal_of("[Webserver/HTTPS]Port", 1, "Can't read existing HTTPS port"),
+                                 refusal_of("[RTSP]Port", 1, "Can't read existing RTSP port")}));
 }
 
 TEST_F(tcp_ports, a_port_check_without_request_or_response_is_refused)

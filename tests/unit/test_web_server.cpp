@@ -45,6 +45,16 @@ Outcome verify(GroupCheck check, const std::string& request_text)
     return {accepted, print(response->root.get())};
 }
 
+// The same where the first value that is read finds no memory.
+Outcome verify_without_memory(GroupCheck check, const std::string& request_text)
+{
+    const auto response = json_response_new();
+    const auto request = json_set_request_new(request_text.c_str(), response.get());
+    const FailingAllocation failing(1);
+    const bool accepted = check(request.get(), response.get());
+    return {accepted, print(response->root.get())};
+}
+
 void hold(const char* key, const std::string& value)
 {
     hold_setting(setting(key, value.c_str()).get());
@@ -151,6 +161,30 @@ TEST_F(web_server, disabling_https_needs_no_certificate)
 {
     hold("[Webserver/HTTPS]Certificate", quoted(scratch / "gone.pem"));
     EXPECT_EQ(verify(verify_group_https_certificate, R"({"[Webserver/HTTPS]Enabled": false})"), ACCEPTED);
+}
+
+TEST_F(web_server, a_switch_that_cannot_be_read_is_refused_with_its_own_text)
+{
+    EXPECT_EQ(
+        verify_without_memory(verify_group_http_or_https, R"({"[Webserver/HTTP]Enabled":false})"),
+        (Outcome{
+            false,
+            R"({"success":false,"errors":[{"key":"[Webserver/HTTPS]Enabled","code":1,"msg":"Can't read HTTPS enable flag"}]})"}));
+    EXPECT_EQ(
+        verify_without_memory(verify_group_http_or_https, R"({"[Webserver/HTTPS]Enabled":true})"),
+        (Outcome{
+            false,
+            R"({"success":false,"errors":[{"key":"[Webserver/HTTP]Enabled","code":1,"msg":"Can't read HTTP enable flag"}]})"}));
+}
+
+TEST_F(web_server, a_certificate_that_cannot_be_read_counts_as_missing)
+{
+    EXPECT_EQ(
+        verify_without_memory(verify_group_https_certificate, R"({"[Webserver/HTTPS]Enabled":true})"),
+        (Outcome{
+            false,
+            R"({"success":false,"errors":[{"key":"[Webserver/HTTPS]Certificate","code":1,"msg":"Can't read HTTPS certificate value"},)"
+            R"({"key":"[Webserver/HTTPS]Enabled","code":10,"msg":"Missing HTTPS certificate"}]})"}));
 }
 
 TEST_F(web_server, group_checks_without_request_or_response_are_refused)
