@@ -708,17 +708,39 @@ def test_a_rules_file_that_cannot_be_opened_is_a_failure(filtered: Camera) -> No
     assert loaded(filtered) == rules
 
 
-def test_without_the_ipv4_tool_all_else_is_done(make_camera: MakeCamera) -> None:
+@pytest.mark.parametrize(
+    ("tool", "load", "action", "deny", "table"),
+    [
+        pytest.param(
+            "iptables-restore",
+            LOAD_IPV4,
+            "apply_iptables",
+            {DENY_IPV4: ["10.0.0.0/8"]},
+            "-A INPUT -p ipv6-icmp -j ADDR_FILTER",
+            id="ipv4",
+        ),
+        pytest.param(
+            "ip6tables-restore",
+            LOAD_IPV6,
+            "apply_ip6tables",
+            {DENY_IPV6: ["2001:db8::/32"]},
+            "-A INPUT -p icmp -j ADDR_FILTER",
+            id="ipv6",
+        ),
+    ],
+)
+def test_without_the_tool_of_one_family_all_else_is_done(
+    make_camera: MakeCamera, tool: str, load: str, action: str, deny: dict[str, Any], table: str
+) -> None:
     camera = make_camera(variables=MANUAL_IPV4)
-    camera.files.remove("/usr/sbin/iptables-restore")
+    camera.files.remove(f"/usr/sbin/{tool}")
     assert start(camera) == FAULTY_START
-    missing = Command(LOAD_IPV4, 127)
-    expected = [missing if command.text == LOAD_IPV4 else command for command in MANUAL_BOOT]
+    missing = Command(load, 127)
+    expected = [missing if command.text == load else command for command in MANUAL_BOOT]
     assert camera.commands() == expected
-    assert errors_of_start(camera) == [
-        f"<3>apply_iptables: Bad shell return code 32512 from '{LOAD_IPV4}'"
-    ]
-    outcome = set_settings(camera, {DENY_IPV4: ["10.0.0.0/8"]})
+    assert errors_of_start(camera) == [f"<3>{action}: Bad shell return code 32512 from '{load}'"]
+    outcome = set_settings(camera, deny)
     assert outcome.response == answer(APPLY_ERROR, success=True)
+    # The other family's rules are there, and no others.
     assert loaded(camera).count("*filter\n") == 1
-    assert "-A INPUT -p ipv6-icmp -j ADDR_FILTER" in loaded(camera)
+    assert table in loaded(camera)
