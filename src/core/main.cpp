@@ -11,9 +11,29 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <cstdio>
 #include <memory>
+#include <string_view>
 
 namespace {
+
+constexpr char USAGE[] = "Usage: quarn\n"
+                         "Network configuration daemon of eth0. A supervisor starts it, and it stays in the "
+                         "foreground; quarnctl\n"
+                         "works with it. It takes no arguments but --help and --version. See quarn(8).\n";
+
+// Whether a person only asked what this is; a supervisor gives no arguments.
+bool answer_person(int argc, char** argv)
+{
+    const std::string_view word = argc == 2 ? argv[1] : "";
+    if (word == "--version")
+        std::puts("quarn " QUARN_VERSION);
+    else if (word == "--help" || word == "-h")
+        std::fputs(USAGE, stdout);
+    else
+        return false;
+    return true;
+}
 
 bool register_callbacks(MsgBus* bus)
 {
@@ -66,6 +86,8 @@ void serve(GMainLoop* loop, MsgBus* bus)
 
 int main(int argc, char** argv)
 {
+    if (answer_person(argc, argv))
+        return 0;
     prepare_process();
     trell_core_init(argc, argv);
     start_logging();
