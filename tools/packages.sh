@@ -2,14 +2,14 @@
 # Sourced by ./run and ./test: the Debian packages that each kind of work needs, and their installation.
 
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config libcjson-dev libglib2.0-dev libsystemd-dev libsqlite3-dev
-    libubootenv-dev libgtest-dev"
+    libubootenv-dev libgtest-dev libcli11-dev scdoc"
 # What the camera's system has: the tools that the daemon runs, the bus, and the camera program's own needs; then
 # what its LAN has.
 CAMERA_PACKAGES="dbus systemd iproute2 net-tools busybox hostname ethtool iptables procps sysvinit-utils
     isc-dhcp-client rdnssd nginx-light openssl libubootenv-tool python3 python3-jeepney
     dnsmasq-base curl iperf3"
 TEST_PACKAGES="python3-pytest python3-pytest-xdist clang clang-format clang-tidy libclang-rt-14-dev git shellcheck
-    ntpsec"
+    ntpsec fish zsh"
 # They are for the camera only: this machine's own services stay as they are.
 SERVICES_NOT_WANTED="nginx rdnssd ntpsec"
 
