@@ -20,6 +20,8 @@ BENCH = Path(__file__).resolve().parent
 FOLDER = "/.camlab/bench"
 QUARN = ("com.vesko.networkingV2", "/com/vesko/networkingV2")
 ECHO = ("com.vesko.bench", "/com/vesko/bench")
+GENERATED = ("resolv.conf", "ntp.conf", "hostname", "nginx.conf", "iptables.rules", "ip6tables.rules")
+TIME_SUPERVISOR = "/usr/sbin/ntp-keeper"
 PROBING_KEY = "[IPv4/LocalLink]Address"
 MTU = "[NIC/eth0]MTU"
 ADDRESSES = ("192.168.10.2", "192.168.10.3")
@@ -63,6 +65,12 @@ def quarn(method: str, *texts: str) -> str:
     return "\n".join(["call", *QUARN, method, *texts])
 
 
+def until(event: str, case: str, *, signal: str = "") -> str:
+    """The same case measured until the kernel tells of an "address", or until a "signal" of that name is here."""
+    _, *target, text = case.split("\n", 4)
+    return "\n".join([event, *target, *([signal] if signal else []), text])
+
+
 def echo(text: str, *more: str, method: str = "echo") -> str:
     """A case of bench-client: a call of the echo daemon."""
     return "\n".join(["call", *ECHO, method, text, *more])
@@ -74,6 +82,7 @@ class Bench:
     def __init__(self, camera: Camera) -> None:
         self.camera = camera
         self.echo = Daemon(camera, "/usr/bin/bench-echo")
+        self._written_before: dict[str, int] = {}
         camera.files.make_folder(FOLDER)
 
     def start(self) -> None:
@@ -90,26 +99,47 @@ class Bench:
 
     def by_turns(self, rounds: int, block: int, cases: Sequence[str]) -> tuple[list[float], list[str]]:
         """Run bench-client; return each case's median in seconds, and its first result."""
+        samples, results = self.samples_by_turns(rounds, block, cases)
+        return [median(values) for values in samples], results
+
+    def samples_by_turns(self, rounds: int, block: int, cases: Sequence[str]) -> tuple[list[list[float]], list[str]]:
+        """Run bench-client; return each case's samples in seconds, in order, and its first result."""
         done = self.camera.run(
             ["/usr/bin/bench-client", str(rounds), str(block)],
-            input="".join(f"{case}\0" for case in cases), environment=DAEMON_ENVIRONMENT, timeout=600, check=True,
+            input="".join(f"{case}\0" for case in cases), environment=DAEMON_ENVIRONMENT, timeout=600,
         )  # fmt: skip
-        samples: list[list[int]] = [[] for _ in cases]
+        if done.returncode != 0:
+            raise SystemExit(done.stderr)
+        samples: list[list[float]] = [[] for _ in cases]
         results = [""] * len(cases)
         for line in done.stdout.splitlines():
             kind, case, value = line.split(" ", 2)
             if kind == "first":
                 results[int(case)] = value
             else:
-                samples[int(case)].append(int(value))
-        return [median(values) / 1e9 for values in samples], results
+                samples[int(case)].append(int(value) / 1e9)
+        return samples, results
+
+    def rate(self, clients: int, rounds: int, case: str) -> float:
+        """How many runs of a case are done in a second by so many clients at once, each of which waits for its answer."""
+        block = 10
+        begin = time.monotonic()
+        running = [
+            self.camera.start(["/usr/bin/bench-client", str(rounds), str(block)], stdin=f"{case}\0",
+                              environment=DAEMON_ENVIRONMENT)
+            for _ in range(clients)
+        ]  # fmt: skip
+        for client in running:
+            if client.wait(600) != 0:
+                raise SystemExit(f"bench-client: {client.stderr}")
+        return clients * (rounds + 1) * block / (time.monotonic() - begin)
 
     def start_first_time(self) -> None:
         """Start the daemon and end it, so that later starts find all stored that a start stores."""
         self.start()
         self.echo.stop()
         self.camera.stop_daemon()
-        self.camera.clear_commands()
+        self.forget_last_run()
 
     def wait_idle(self) -> None:
         """Wait until the daemon has closed its database, the last thing that it does of itself."""
@@ -124,25 +154,63 @@ class Bench:
         """Store without carrying out, as long as the daemon runs."""
         require_success(self.camera.api_set({"[Settings]Apply": False}))
 
-    def commands_of_last_run(self, name: str) -> str:
-        """Write the recorded commands to a file; return its path in the camera."""
-        texts = "".join(f"{command.text}\0" for command in self.camera.commands())
-        self.camera.write_file(f"{FOLDER}/{name}", texts)
+    def record_changes(
+        self, name: str, texts: Sequence[str], more_files: Sequence[Mapping[str, str] | None] = (None, None)
+    ) -> list[str]:
+        """Carry requests out; return for each the file with what the daemon wrote and ran."""
+        self.camera.recorder.switch_on()
+        files = []
+        for text, more in zip(texts, more_files):
+            self.forget_last_run()
+            require_success(self.camera.api_set(text))
+            files.append(self.commands_of_last_run(f"{name}-{len(files)}", more))
+        self.camera.recorder.switch_off()
+        return files
+
+    def forget_last_run(self) -> None:
+        """Let the recorder and the generated files begin anew."""
+        self.camera.clear_commands()
+        self._written_before = self._written()
+
+    def commands_of_last_run(self, name: str, more_files: Mapping[str, str] | None = None) -> str:
+        """Note what the daemon has written and run since the last call of forget_last_run.
+
+        Return the path, in the camera, of the file that bench-system-sequence and bench-echo read.
+        """
+        before = self._written_before
+        files = {
+            path: self.camera.read_file(path) for path, when in self._written().items() if when != before.get(path)
+        }
+        texts = [f">{path}\n{content}" for path, content in {**(more_files or {}), **files}.items()]
+        texts += [command.text for command in self.camera.commands()]
+        self.camera.write_file(f"{FOLDER}/{name}", "".join(f"{text}\0" for text in texts))
         return f"{FOLDER}/{name}"
+
+    def _written(self) -> dict[str, int]:
+        """When each generated file was written last."""
+        paths = [f"/tmp/.quarn/{name}" for name in GENERATED if self.camera.files.exists(f"/tmp/.quarn/{name}")]
+        return {path: self.camera.files.stat(path).st_mtime_ns for path in paths}
 
 
 @contextmanager
-def bench(store_folder: str | None = None) -> Iterator[Bench]:
-    """Boot a camera for benchmarks; the recorder is in place and switched off."""
+def bench(store_folder: str | None = None, variables: Mapping[str, str] | None = None) -> Iterator[Bench]:
+    """Boot a camera for benchmarks; the recorder is in place and switched off.
+
+    The variables of the boot environment come on top of BOOT_ENVIRONMENT.
+    """
     programs = {f"/usr/bin/{name}": str(build_folder() / name) for name in BENCH_PROGRAMS}
     policy = {"/usr/share/dbus-1/system.d/com.vesko.bench.conf": str(BENCH / "bench-bus.conf")}
-    install = {**programs, **policy}
-    with Camera(variables=BOOT_ENVIRONMENT, store_folder=store_folder, install=install, bus=False) as camera:
+    install = {**programs, **policy, TIME_SUPERVISOR: str(build_folder() / "ntp-keeper")}
+    with Camera(
+        variables={**BOOT_ENVIRONMENT, **(variables or {})}, store_folder=store_folder, install=install, bus=False
+    ) as camera:
         camera.recorder.switch_off()
         # All of the camera on one processor: else it is luck whether the two ends of a call share one, and luck
         # is half of a round trip.
         os.sched_setaffinity(camera.pid, {max(os.sched_getaffinity(0))})
         camera.start_bus()
+        # Without it each reload of the time service is a failed one.
+        camera.start([TIME_SUPERVISOR])
         yield Bench(camera)
 
 

@@ -10,6 +10,7 @@ from statistics import median
 
 from camlab.daemon import Daemon
 from camlab.programs import build_folder
+from changes import measure_boot, measure_lease, measure_settings
 from laboratory import (
     ADDRESSES,
     DAEMON_ENVIRONMENT,
@@ -31,6 +32,7 @@ from laboratory import (
     seconds_to_ready,
     switches,
 )
+from client_start import measure_client
 from table import Table, duration
 
 
@@ -73,6 +75,21 @@ def measure_growth(here: Bench, table: Table, quick: bool, stored: Sequence[str]
     table.ratio("api_get of 10,000 unknown keys", times[1], times[0], "of 1,000", 15.0)
 
 
+def measure_rate(table: Table, quick: bool) -> None:
+    """How many calls of api_get are answered in a second while nothing is applied."""
+    clients, rounds = 4, 20 if quick else 500
+    with bench() as here:
+        here.start()
+        here.hold_back()
+        for what, keys in (("a stored key", [MTU]), (f"all {len(all_keys())} keys but the probing one", all_keys())):
+            text = get_request(keys)
+            for count in (1, clients):
+                rate = here.rate(count, rounds, quarn("api_get", text))
+                compared = f"echo {here.rate(count, rounds, echo(text)):.0f}/s"
+                from_where = "one client" if count == 1 else f"{count} clients at once"
+                table.amount(f"api_get of {what}, {from_where}", round(rate), "requests/s", compared)
+
+
 def measure_set(table: Table, quick: bool) -> None:
     """api_set of one key, stored and not carried out, against one commit of its size and one echo."""
     (build_folder() / "bench").mkdir(exist_ok=True)
@@ -105,6 +122,7 @@ def measure_start(here: Bench, table: Table, rounds: int) -> None:
     here.start_first_time()
     camera.recorder.switch_on()
     fresh_network(camera)
+    here.forget_last_run()
     camera.start_daemon(environment=UNIT_ENVIRONMENT)
     camera.wait_ready()
     camera.stop_daemon()
@@ -145,13 +163,7 @@ def measure_change(here: Bench, table: Table, rounds: int) -> None:
     camera = here.camera
     here.start()
     texts = [json.dumps({"[IPv4/Manual]Address": address}) for address in reversed(ADDRESSES)]
-    camera.recorder.switch_on()
-    files = []
-    for text in texts:
-        camera.clear_commands()
-        require_success(camera.api_set(text))
-        files.append(here.commands_of_last_run(f"change-{len(files)}"))
-    camera.recorder.switch_off()
+    files = here.record_changes("address", texts)
     # Blocks of two: each leaves the address as it found it.
     times, answers = here.by_turns(rounds, 2, [quarn("api_set", *texts), echo(*files, method="run")])
     require_success(json.loads(answers[0]))
@@ -223,8 +235,13 @@ def measure_size(table: Table, quick: bool) -> None:
 
 PARTS = {
     "get": measure_get,
+    "rate": measure_rate,
     "set": measure_set,
     "apply": measure_apply,
+    "settings": measure_settings,
+    "lease": measure_lease,
+    "boot": measure_boot,
+    "client": measure_client,
     "memory": measure_memory,
     "idle": measure_idle,
     "size": measure_size,

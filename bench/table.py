@@ -37,7 +37,7 @@ class Table:
     def amount(self, what: str, measured: float, unit: str, compared: str = "", target: float | None = None) -> None:
         """Add an amount; the target is an upper bound of the amount itself."""
         verdict = "" if target is None else _verdict(measured <= target)
-        bound = "" if target is None else f"<= {target:g} {unit}"
+        bound = "" if target is None else f"<= {target:g} {unit}".rstrip()
         self._rows.append(Row(what, f"{measured:g} {unit}", compared, "", bound, verdict))
 
     def note(self, text: str) -> None:
