@@ -13,7 +13,7 @@ from camlab.programs import build_folder
 from camlab.terminal import run_attached
 from camlab.web_server import install_web_server
 from demo_addresses import show_job, show_lease, show_lost_lease
-from demo_services import show_packet_filter, show_rate, show_web_port
+from demo_services import show_packet_filter, show_rate, show_status, show_web_port
 from demo_steps import PEER, Demo
 
 
@@ -44,6 +44,7 @@ def main() -> int:
         show_web_port(demo)
         show_packet_filter(demo)
         show_rate(demo)
+        show_status(demo)
         print(
             "\nAll of it held." if not demo.failed else "\nNot all of it held: see above.",
             flush=True,

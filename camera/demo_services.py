@@ -51,3 +51,10 @@ def fetched(demo: Demo) -> str:
 
 def listening(demo: Demo) -> str:
     return demo.camera.lan.run(["ss", "-Htln"], check=True).stdout
+
+
+def show_status(demo: Demo) -> None:
+    """What a person sees at a glance."""
+    demo.step("All of it on one screen, for a person:")
+    status = demo.show("camera", "quarnctl status")
+    demo.expect("it tells the lease's address", f"{CAMERA}/24 (DHCP)" in status)

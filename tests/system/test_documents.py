@@ -6,7 +6,7 @@ import re
 from collections.abc import Callable
 
 import pytest
-from expectations import MANUAL_ADDRESS, start_manual
+from expectations import MANUAL_ADDRESS, start_manual, start_with_free_addresses
 
 from camlab import Camera
 from camlab.programs import CHECKOUT
@@ -16,6 +16,15 @@ MakeCamera = Callable[..., Camera]
 pytestmark = pytest.mark.quiet
 
 DOCUMENT = (CHECKOUT / "docs" / "bus.md").read_text()
+README = (CHECKOUT / "README.md").read_text()
+# What a DHCP client reports for the README's camera.
+LEASE = {
+    "[IPv4/DHCP]Address": "192.168.0.100",
+    "[IPv4/DHCP]Netmask": 24,
+    "[IPv4/DHCP]Gateways": ["192.168.0.1"],
+    "[DNS/IPv4/DHCP]Servers": ["192.168.0.53"],
+    "[NTP/IPv4/DHCP]Servers": ["192.168.0.123"],
+}
 
 
 def examples() -> list[tuple[str, str, str]]:
@@ -33,6 +42,45 @@ def test_every_example_is_answered_as_printed(make_camera: MakeCamera) -> None:
         answered.append((call, request, ask(request)))
     assert len(answered) == len(re.findall(r"^ +api_[gs]et [{\[]", DOCUMENT, re.MULTILINE)) == 10
     assert answered == examples()
+
+
+def terminal_session(camera: Camera, text: str) -> str:
+    """Run each line that begins with a dollar sign; return the lines as a terminal shows them."""
+    shown = []
+    for command in re.findall(r"^    \$ (.+)$", text, re.MULTILINE):
+        done = camera.run(["sh", "-c", command])
+        shown += ["", f"    $ {command}"]
+        shown += [f"    {line}" for line in (done.stdout + done.stderr).splitlines()]
+    return "\n".join(shown[1:])
+
+
+def test_the_readmes_session_is_what_a_terminal_shows(camera: Camera) -> None:
+    start_with_free_addresses(camera)
+    assert camera.api_set(LEASE) == {"success": True, "errors": []}
+    session = terminal_session(camera, README)
+    assert session.startswith("    $ quarnctl status\n    link ")
+    assert session in README
+
+
+def busctl_calls(text: str) -> list[str]:
+    """The busctl calls of a document, their lines joined."""
+    joined = text.replace("\\\n", " ")
+    return re.findall(r"^    (busctl (?:call|monitor) .*)$", joined, re.MULTILINE)
+
+
+@pytest.mark.parametrize("document, calls", [("README.md", 2), ("docs/bus.md", 1)])
+def test_every_busctl_call_of_a_document_works(camera: Camera, document: str, calls: int) -> None:
+    start_with_free_addresses(camera)
+    commands = busctl_calls((CHECKOUT / document).read_text())
+    for command in commands[:-1]:
+        done = camera.run(["sh", "-c", command])
+        assert (done.returncode, done.stderr) == (0, "")
+        assert done.stdout.startswith('s "{\\"success\\":true,\\"errors\\":[]')
+    assert len(commands) == calls + 1
+    with camera.start(["sh", "-c", f"exec {commands[-1]}"]) as monitor:
+        camera.wait_until(lambda: "Monitoring bus" in monitor.stderr, "busctl monitors")
+        assert camera.api_set({"[NIC/eth0]MTU": 1404})["success"] is True
+        camera.wait_until(lambda: "INT32 1404;" in monitor.stdout, "the change is heard")
 
 
 def test_every_error_code_has_its_row() -> None:
