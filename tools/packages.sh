@@ -10,6 +10,10 @@ CAMERA_PACKAGES="dbus systemd iproute2 net-tools busybox hostname ethtool iptabl
     dnsmasq-base curl iperf3"
 TEST_PACKAGES="python3-pytest python3-pytest-xdist clang clang-format clang-tidy libclang-rt-14-dev git shellcheck
     ntpsec fish zsh"
+# What builds the Debian packages and boots a clean machine to try them on.
+PACKAGE_PACKAGES="dpkg-dev debhelper lintian mmdebstrap systemd-container"
+ARM64_PACKAGES="crossbuild-essential-arm64 qemu-user-static libcjson-dev:arm64 libglib2.0-dev:arm64 libsystemd-dev:arm64
+    libsqlite3-dev:arm64 libubootenv-dev:arm64 libgtest-dev:arm64 libstdc++6:arm64"
 # They are for the camera only: this machine's own services stay as they are.
 SERVICES_NOT_WANTED="nginx rdnssd ntpsec"
 
