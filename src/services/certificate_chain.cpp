@@ -33,11 +33,12 @@ bool copy_file(const OwnedDescriptor& output, const char* path)
     return false;
 }
 
-// The key is in it: nobody else may read it, whatever the umask was.
+// The key is in it: nobody else may read it, whatever the umask was. Not blocking on a planted FIFO.
 OwnedDescriptor create_chain_file(const char* path)
 {
     const mode_t umask_before = umask(077);
-    OwnedDescriptor file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0664));
+    OwnedDescriptor file(
+        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0664));
     umask(umask_before);
     return file;
 }

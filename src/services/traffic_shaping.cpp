@@ -7,6 +7,8 @@
 #include "net/netlink.h"
 #include "settings/setting_store.h"
 
+#include <array>
+
 namespace {
 
 constexpr char AVERAGE_RATE[] = "[TrafficShaping]AvgRateLimit";
@@ -129,13 +131,13 @@ int percentage_of(const char* key, int whole)
 }
 
 // The tree's classes in the order in which they are made, parents first.
-bool replace_classes(int rate, int burst)
+std::array<HtbClass, 5> classes_of_tree(int rate, int burst)
 {
     const int low_latency = get_int(LOW_LATENCY_RATE);
     const int bulk = get_int(BULK_RATE);
     const int misc = get_int(MISC_RATE);
     // The priorities run against the classes' order on purpose: the default class is served first.
-    const HtbClass classes[] = {
+    return {{
         {0, ROOT_CLASS, rate, rate, burst, 0},
         {1, MEDIA_CLASS, static_cast<int>(std::int64_t{rate} - low_latency - bulk - misc),
          percentage_of("[TrafficShaping]Rtp/CeilPercent", rate),
@@ -146,12 +148,7 @@ bool replace_classes(int rate, int burst)
          percentage_of("[TrafficShaping]Bulk/BurstPercent", burst), 2},
         {1, DEFAULT_CLASS, misc, percentage_of("[TrafficShaping]Misc/CeilPercent", rate),
          percentage_of("[TrafficShaping]Misc/BurstPercent", burst), 1},
-    };
-    for (const HtbClass& htb : classes) {
-        if (!modify_or_create_class(htb))
-            return false;
-    }
-    return true;
+    }};
 }
 
 bool add_fixed_filters()
@@ -192,10 +189,13 @@ bool quarn_apply_trafficshape_tree()
                     burst);
     }
     log_message(LEVEL_NOTICE, "%s: Applying Traffic Shaping.  Rate:%dkbps Burst:%db", __func__, rate, burst);
+    const std::array<HtbClass, 5> classes = classes_of_tree(rate, burst);
     if (!was_installed && !create_qdisc())
         return false;
-    if (!replace_classes(rate, burst))
-        return false;
+    for (const HtbClass& htb : classes) {
+        if (!modify_or_create_class(htb))
+            return false;
+    }
     return was_installed || add_fixed_filters();
 }
 

@@ -95,18 +95,22 @@ MainFile examine_main_file(const char* writer)
 
 bool rewrite_main_file()
 {
-    OwnedFile stream(std::fopen(MAIN_FILE, "we"));
-    if (!stream)
-        return false;
-    std::fputs(MAIN_FILE_TEMPLATE, stream.get());
-    return close_file(std::move(stream));
+    // Not blocking on a FIFO in its place.
+    const OwnedDescriptor file(open(MAIN_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
+    constexpr ssize_t SIZE = sizeof MAIN_FILE_TEMPLATE - 1;
+    return file.is_open() && write(file.get(), MAIN_FILE_TEMPLATE, SIZE) == SIZE;
 }
 
-void write_listeners(FILE* stream, int port, const char* tls)
+struct Families {
+    bool ipv4;
+    bool ipv6;
+};
+
+void write_listeners(FILE* stream, int port, Families families, const char* tls)
 {
-    if (get_bool("[IPv6]Enabled"))
+    if (families.ipv6)
         std::fprintf(stream, "listen [::]:%d ipv6only=on%s;\n", port, tls);
-    if (get_bool("[IPv4]Enabled"))
+    if (families.ipv4)
         std::fprintf(stream, "listen %d%s;\n", port, tls);
 }
 
@@ -187,7 +191,8 @@ bool resulting_switch(const cJSON* proposed, const char* key, const char* error,
 bool disable_ssl_on_no_cert()
 {
     const OwnedText certificate = get_string(CERTIFICATE);
-    if (!certificate || !get_bool(HTTPS_ENABLED) || is_regular_file(certificate.get()))
+    const bool https_on = get_bool(HTTPS_ENABLED);
+    if (!certificate || !https_on || is_regular_file(certificate.get()))
         return true;
     log_message(LEVEL_ERROR, "%s: HTTPS Certificate not found.  Disabling HTTPS.", __func__);
     store_switch(HTTP_ENABLED, true);
@@ -197,6 +202,11 @@ bool disable_ssl_on_no_cert()
 
 void quarn_write_nginxconf()
 {
+    const bool http_on = get_bool(HTTP_ENABLED);
+    const bool https_on = get_bool(HTTPS_ENABLED);
+    const int http_port = get_int("[Webserver/HTTP]Port");
+    const int https_port = get_int("[Webserver/HTTPS]Port");
+    const Families families = {get_bool("[IPv4]Enabled"), get_bool("[IPv6]Enabled")};
     const MainFile main_file = examine_main_file(__func__);
     if (main_file == MainFile::UNREADABLE)
         return;
@@ -215,10 +225,10 @@ void quarn_write_nginxconf()
         return;
     }
     std::fputs("# written by quarn\n", stream.get());
-    if (get_bool(HTTP_ENABLED))
-        write_listeners(stream.get(), get_int("[Webserver/HTTP]Port"), "");
-    if (get_bool(HTTPS_ENABLED)) {
-        write_listeners(stream.get(), get_int("[Webserver/HTTPS]Port"), " ssl");
+    if (http_on)
+        write_listeners(stream.get(), http_port, families, "");
+    if (https_on) {
+        write_listeners(stream.get(), https_port, families, " ssl");
         write_certificate(stream.get(), __func__);
     }
     if (!close_file(std::move(stream)))

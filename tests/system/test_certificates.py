@@ -250,8 +250,9 @@ def test_an_authority_without_a_certificate_makes_no_chain(camera: Camera) -> No
     assert not camera.files.exists(CHAIN)
 
 
-def test_a_folder_in_the_place_of_the_chain_is_told(camera: Camera) -> None:
-    camera.files.make_folder(CHAIN)
+@pytest.mark.parametrize("maker", ["mkdir", "mkfifo"])
+def test_a_folder_or_fifo_in_the_place_of_the_chain_is_told(camera: Camera, maker: str) -> None:
+    camera.run([maker, CHAIN], check=True)
     request = {HTTPS_ENABLED: True, CERTIFICATE: PEM, AUTHORITY: AUTHORITY_PEM}
     outcome = set_settings(camera, request)
     assert lines_of_level(outcome.log, 2) == [

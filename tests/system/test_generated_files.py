@@ -17,6 +17,7 @@ from expectations import (
     Outcome,
     console,
     done,
+    lines_of_level,
     masked,
     set_settings,
     start,
@@ -25,6 +26,7 @@ from service_cameras import link_at, started
 
 from camlab import Camera, Command
 from camlab.namespaces import MS_BIND, MS_RDONLY, MS_REMOUNT
+from camlab.web_server import MAIN_FILE
 
 MakeCamera = Callable[..., Camera]
 
@@ -341,6 +343,20 @@ def test_what_is_no_file_in_the_folder_holds_nobody_up(
     camera.files.remove(TARGET)
     plant(camera)
     assert write(camera) == failed(*CANNOT_OPEN)
+
+
+def test_a_fifo_in_the_place_of_the_web_servers_main_file_holds_nobody_up(
+    make_camera: MakeCamera,
+) -> None:
+    camera = started(make_camera)
+    camera.files.remove(MAIN_FILE)
+    camera.run(["mkfifo", MAIN_FILE], check=True)
+    outcome = set_settings(camera, {"[Webserver/HTTP]Port": 8080})
+    assert outcome.response == SUCCESS
+    assert lines_of_level(outcome.log, 2, 4) == [
+        "<4>quarn_write_nginxconf: Incorrect nginx.conf; rewriting it",
+        "<2>quarn_write_nginxconf:LINE: Can't write nginx.conf",
+    ]
 
 
 # A full /tmp

@@ -7,17 +7,19 @@ from typing import Any
 
 import pytest
 from expectations import (
+    MANUAL_IPV4,
     SUCCESS,
     Outcome,
     answer,
     compact,
     error,
     error_log,
+    lines_of_level,
     refusal,
     set_settings,
     start,
 )
-from stored_settings import stored
+from stored_settings import plant, stored
 
 from camlab import Camera
 
@@ -161,6 +163,20 @@ def test_null_takes_a_certificate_away(served: Camera) -> None:
     assert set_without_apply(served, {key: "/etc/hostname"}).response == SUCCESS
     assert set_without_apply(served, {key: None}) == Outcome(SUCCESS, [], [])
     assert stored(served)["Webserver.HTTPS.Authority"] is None
+
+
+def test_a_damaged_port_is_told_while_its_server_is_off(make_camera: MakeCamera) -> None:
+    camera = make_camera(variables=MANUAL_IPV4)
+    plant(camera, {"Webserver.HTTPS.Port": '"443"', "Webserver.HTTPS.Enabled": "null"})
+    assert start(camera) == ["READY=1"]
+    log = set_settings(camera, {"[Webserver/HTTPS]Authority": "/etc/hostname"}).log
+    switch = "<3>get_bool: [Webserver/HTTPS]Enabled value is not a JSON boolean; returning FALSE"
+    # Once where the certificate is looked for, once with all that nginx is to be told.
+    assert lines_of_level(log, 3) == [
+        switch,
+        switch,
+        "<3>get_int: [Webserver/HTTPS]Port value is not a JSON number; returning 0",
+    ]
 
 
 # Lists of servers

@@ -207,6 +207,17 @@ TEST_F(traffic_shaping, a_qdisc_that_cannot_be_made_ends_the_work)
     EXPECT_EQ(take_log().back(), "<6>create_qdisc: Traffic shaping enabled with HTB qdisc: failure");
 }
 
+TEST_F(traffic_shaping, a_damaged_rate_is_told_before_anything_is_made)
+{
+    hold("[TrafficShaping]Misc/Rate", "\"ten\"");
+    fail("qdisc replace");
+    EXPECT_FALSE(quarn_apply_trafficshape_tree());
+    const Log log = take_log();
+    ASSERT_EQ(log.size(), 6U);
+    EXPECT_EQ(log[3], "<3>get_int: [TrafficShaping]Misc/Rate value is not a JSON number; returning 0");
+    EXPECT_EQ(log[4], std::string("<7>create_qdisc:LINE: Run Command: ") + CREATE);
+}
+
 TEST_F(traffic_shaping, the_first_class_that_fails_ends_the_work)
 {
     fail("classid 1:3");
