@@ -17,11 +17,22 @@ ARM64_PACKAGES="crossbuild-essential-arm64 qemu-user-static libcjson-dev:arm64 l
 # They are for the camera only: this machine's own services stay as they are.
 SERVICES_NOT_WANTED="nginx rdnssd ntpsec"
 
+# A name without an architecture is this machine's; another's package of that name does not count.
+is_installed() {
+    local own
+    own=$(dpkg --print-architecture)
+    case "$1" in
+    *:*) own=${1##*:} ;;
+    esac
+    dpkg-query -W -f '${Architecture} ${Status}\n' "$1" 2>/dev/null |
+        grep -qxE "($own|all) install ok installed"
+}
+
 # install_packages PACKAGE...: installs those that are missing, if any, and starts and enables none of their services.
 install_packages() {
     local missing=() package policy=/usr/sbin/policy-rc.d had_policy=yes
     for package in "$@"; do
-        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
+        is_installed "$package" || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
     echo "installing: ${missing[*]}"
