@@ -95,3 +95,19 @@ def test_commands_and_their_options_are_offered(offered: Callable[..., list[str]
     assert offered("mon") == ["monitor"]
     assert offered("reset", "--al") == ["--all"]
     assert offered("apply", "--sk") == ["--skip-unknown"]
+
+
+def test_bash_completes_words_in_quotes_and_with_backslashes_too(
+    make_camera: Callable[..., Camera],
+) -> None:
+    camera = make_camera(install={f"{INSIDE}/{path.name}": str(path) for path in FILES.iterdir()})
+
+    def offered_for(*words: str) -> list[str]:
+        # bash does not split what is in quotes.
+        done = camera.run(["bash", "-c", BASH, "bash", "quarnctl", *words], check=True)
+        return done.stdout.split()
+
+    for word in ('"[NIC/eth0]MT', "'[NIC/eth0]MT", "\\[NIC/eth0]MT"):
+        assert offered_for("get", word) == ["[NIC/eth0]MTU"]
+    assert offered_for("set", '"[NTP]Enabled=t') == ["[NTP]Enabled=true"]
+    assert offered_for("set", '"[NTP]Ena') == ["[NTP]Enabled="]

@@ -33,6 +33,9 @@ GATEWAYS = "[IPv4/Manual]Gateways"
 PENDING = f"{STATE}/pending.json"
 RESTORING = f"{STATE}/restoring.json"
 TAKEN_BACK = "the change is taken back"
+COUNTDOWN = "Enter or 'quarnctl confirm' keeps it"
+KEYBOARD = "/tmp/keyboard"
+SHOWN = "/tmp/shown"
 
 
 @pytest.fixture
@@ -151,6 +154,26 @@ def test_an_address_comes_back_with_its_routes(guarded: Camera) -> None:
     assert (guarded.addresses(4), guarded.routes()) == (["10.0.0.5/24"], routes)
 
 
+def test_an_address_comes_back_with_routes_whose_gateways_did_not_change(guarded: Camera) -> None:
+    quarnctl(guarded, "set", "[IPv4/Manual]Address=10.0.0.5", f"{GATEWAYS}=10.0.0.1,10.0.0.2")
+    routes = guarded.routes()
+    for address in ("10.9.0.5", ""):
+        try_change(guarded, f"[IPv4/Manual]Address={address}")
+        assert quarnctl(guarded, "rollback").status == 0
+        assert (guarded.addresses(4), guarded.routes()) == (["10.0.0.5/24"], routes)
+
+
+def test_ipv6_comes_back_with_the_mtu_that_it_needs(guarded: Camera) -> None:
+    words = ["[IPv6/Manual]Addresses=2001:db8::5/64", "[IPv6/Manual]Gateways=2001:db8::1"]
+    quarnctl(guarded, "set", *words)
+    addresses = guarded.addresses(6)
+    assert "2001:db8::5/64" in addresses
+    try_change(guarded, f"{MTU}=1200")
+    assert guarded.addresses(6) == []
+    assert quarnctl(guarded, "rollback").status == 0
+    guarded.wait_until(lambda: sorted(guarded.addresses(6)) == sorted(addresses), "the addresses")
+
+
 def test_gateways_that_were_taken_away_come_back(guarded: Camera) -> None:
     quarnctl(guarded, "set", "[IPv4/Manual]Address=10.0.0.5", f"{GATEWAYS}=10.0.0.1,10.0.0.2")
     try_change(guarded, f"{GATEWAYS}=")
@@ -226,6 +249,21 @@ def test_a_guard_that_dies_is_followed_by_another(served: Camera) -> None:
     guard.stop(signal.SIGKILL)
     next_guard = start_guard(served)
     assert next_guard.wait() == 0
+    wait_outcome(served, "taken back")
+    assert served.get(MTU) == 1500
+
+
+def test_a_rollback_without_a_guard_says_so_and_is_made_up_for(served: Camera) -> None:
+    guard = start_guard(served, "--stay")
+    try_change(served, f"{MTU}=1400")
+    guard.stop(signal.SIGKILL)
+    assert quarnctl(served, "rollback") == Run(
+        1,
+        "",
+        "quarnctl: nobody takes the change back yet;"
+        " start the guard with: systemctl start quarnctl-guard.path\n",
+    )
+    assert start_guard(served).wait() == 0
     wait_outcome(served, "taken back")
     assert served.get(MTU) == 1500
 
@@ -399,13 +437,47 @@ def test_a_stranger_may_neither_confirm_nor_take_back(guarded: Camera) -> None:
 
 
 def test_a_countdown_is_shown_on_a_terminal_and_enter_keeps_the_change(guarded: Camera) -> None:
-    command = f"quarnctl set --confirm=60 '{MTU}=1400'"
-    with guarded.start(["script", "-qefc", command, "/tmp/shown"], stdin="\n") as terminal:
+    with on_terminal(guarded, f"quarnctl set --confirm=60 '{MTU}=1400'") as terminal:
+        guarded.wait_until(lambda: COUNTDOWN in guarded.read_file(SHOWN), "the countdown")
+        press_enter(guarded)
         assert terminal.wait(60) == 0
-    shown = guarded.read_file("/tmp/shown")
-    assert "taken back in 60 s; Enter or 'quarnctl confirm' keeps it" in shown
-    assert "the change is confirmed" in shown
+    assert f"taken back in 60 s; {COUNTDOWN}" in guarded.read_file(SHOWN)
+    assert "the change is confirmed" in guarded.read_file(SHOWN)
     assert guarded.get(MTU) == 1400
+
+
+def test_what_is_typed_before_the_countdown_confirms_nothing(guarded: Camera) -> None:
+    rule = guarded.hang("/sbin/ip link set eth0 mtu *")
+    with on_terminal(guarded, f"quarnctl set --confirm=2 '{MTU}=1400'") as terminal:
+        guarded.wait_log("api_set: API call: SET.")
+        press_enter(guarded)
+        # The terminal shows what is typed, so it has arrived.
+        guarded.wait_until(lambda: "\n" in guarded.read_file(SHOWN), "the key")
+        rule.release()
+        assert terminal.wait(60) == 1
+    assert TAKEN_BACK in guarded.read_file(SHOWN)
+    assert guarded.get(MTU) == 1500
+
+
+def test_the_countdown_fits_a_narrow_terminal(guarded: Camera) -> None:
+    with on_terminal(guarded, f"stty cols 30; quarnctl set --confirm=1 '{MTU}=1400'") as terminal:
+        assert terminal.wait(60) == 1
+    lines = guarded.read_file(SHOWN).split("\r\033[K")
+    assert lines[1] == "taken back in 1 s; Enter or '"
+
+
+def on_terminal(camera: Camera, command: str) -> Process:
+    """Run a command on a terminal of its own, whose keyboard is a pipe."""
+    camera.run(["rm", "-f", KEYBOARD, SHOWN], check=True)
+    camera.run(["mkfifo", KEYBOARD], check=True)
+    camera.write_file(SHOWN, "")
+    line = f'exec script -qefc "$0" {SHOWN} <>{KEYBOARD}'
+    return camera.start(["sh", "-c", line, command])
+
+
+def press_enter(camera: Camera) -> None:
+    """Press Enter on the keyboard of that terminal."""
+    camera.run(["sh", "-c", f"echo >{KEYBOARD}"], check=True)
 
 
 def test_the_status_tells_of_a_change_on_trial(guarded: Camera) -> None:
@@ -421,6 +493,7 @@ def test_the_result_as_json_names_the_time(guarded: Camera) -> None:
         "success": True,
         "errors": [],
         "changes": [{"key": MTU, "before": 1500, "after": 1400}],
+        "left_alone": [],
         "confirm_within": 60,
     }
     assert quarnctl_json(guarded, "rollback") == {
@@ -428,6 +501,24 @@ def test_the_result_as_json_names_the_time(guarded: Camera) -> None:
         "errors": [],
         "result": "taken back",
     }
+
+
+def test_what_cannot_be_taken_back_is_told_to_programs_in_the_result(guarded: Camera) -> None:
+    done = quarnctl_json(guarded, "set", "--confirm=60", "[Hostname]Domain=lan.example")
+    assert done["left_alone"] == [
+        {
+            "key": "[Hostname]Domain",
+            "code": 3,
+            "msg": "cannot be taken back to having no value",
+        }
+    ]
+
+
+def test_a_camera_that_ssh_does_not_reach_is_named(guarded: Camera) -> None:
+    guarded.write_file("/usr/local/bin/ssh", "#!/bin/sh\nexit 255\n", 0o755)
+    assert quarnctl(guarded, "-H", "admin@porch", "confirm") == Run(
+        3, "", "quarnctl: quarnctl could not be run on admin@porch over SSH\n"
+    )
 
 
 def test_over_ssh_the_whole_command_runs_on_the_camera(guarded: Camera) -> None:

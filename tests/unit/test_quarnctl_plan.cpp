@@ -127,12 +127,43 @@ TEST(quarnctl_plan, gateways_go_with_a_new_address_which_would_lose_their_routes
               R"([{"key":"[IPv4/Manual]Address","before":"10.0.0.5","after":"10.0.0.6"}])");
 }
 
+TEST(quarnctl_plan, gateways_go_with_a_new_address_although_they_are_wanted_as_they_are)
+{
+    const Plan plan = plan_of(R"({"[IPv4/Manual]Address":"10.0.0.6","[IPv4/Manual]Gateways":["10.0.0.1"]})",
+                              R"({"[IPv4/Manual]Address":"10.0.0.5","[IPv4/Manual]Gateways":["10.0.0.1"]})");
+    EXPECT_EQ(requests_of(plan),
+              Texts{R"({"[IPv4/Manual]Address":"10.0.0.6","[IPv4/Manual]Gateways":["10.0.0.1"]})"});
+}
+
+TEST(quarnctl_plan, ipv6_is_set_anew_once_the_mtu_is_large_enough_for_it_again)
+{
+    const auto requests = [](const char* wanted, const char* current) {
+        return requests_of(plan_of(wanted, current));
+    };
+    EXPECT_EQ(requests(R"({"[NIC/eth0]MTU":1280})", R"({"[NIC/eth0]MTU":1279,"[IPv6]Enabled":true})"),
+              (Texts{R"({"[NIC/eth0]MTU":1280})", R"({"[IPv6]Enabled":true})"}));
+    EXPECT_EQ(requests(R"({"[NIC/eth0]MTU":1500})", R"({"[NIC/eth0]MTU":1279,"[IPv6]Enabled":false})"),
+              Texts{R"({"[NIC/eth0]MTU":1500})"});
+    EXPECT_EQ(requests(R"({"[NIC/eth0]MTU":1500})", R"({"[NIC/eth0]MTU":1280,"[IPv6]Enabled":true})"),
+              Texts{R"({"[NIC/eth0]MTU":1500})"});
+    EXPECT_EQ(requests(R"({"[NIC/eth0]MTU":1200})", R"({"[NIC/eth0]MTU":1250,"[IPv6]Enabled":true})"),
+              Texts{R"({"[NIC/eth0]MTU":1200})"});
+}
+
 TEST(quarnctl_plan, what_cannot_be_taken_away_says_so_and_hinders_nothing)
 {
     const Plan plan = plan_of(R"({"[NIC/eth0]MTU":1400,"[Hostname]Domain":null})",
                               R"({"[NIC/eth0]MTU":1500,"[Hostname]Domain":"lan"})");
     EXPECT_EQ(requests_of(plan), Texts{R"({"[NIC/eth0]MTU":1400})"});
     EXPECT_EQ(texts_of(plan.left_alone),
+              Texts{"[Hostname]Domain: cannot be taken away, only changed; it stays lan"});
+}
+
+TEST(quarnctl_plan, who_asks_for_what_cannot_be_taken_away_is_refused)
+{
+    const Plan plan =
+        plan_of(R"({"[Hostname]Domain":null})", R"({"[Hostname]Domain":"lan"})", Unchanged::SENT);
+    EXPECT_EQ(texts_of(plan.faults),
               Texts{"[Hostname]Domain: cannot be taken away, only changed; it stays lan"});
 }
 
@@ -204,6 +235,21 @@ TEST(quarnctl_configuration, unknown_keys_are_skipped_when_asked_for_and_other_f
     EXPECT_EQ(file.skipped, (Texts{"[A]B", "[C]D"}));
     EXPECT_EQ(print(file.settings.get()), R"({"[NIC/eth0]MTU":1400,"[IPv4]Enabled":true})");
     EXPECT_EQ(texts_of(file.faults), Texts{"[IPv4]Enabled: line 1: is read-only"});
+}
+
+TEST(quarnctl_configuration, a_dotted_netmask_is_the_length_that_the_camera_keeps)
+{
+    const quarnctl::ConfigurationFile file =
+        quarnctl::parse_configuration(R"({"[IPv4/Manual]Netmask":"255.255.0.0"})");
+    EXPECT_EQ(print(file.settings.get()), R"({"[IPv4/Manual]Netmask":16})");
+}
+
+TEST(quarnctl_configuration, values_that_the_bus_or_json_cannot_carry_are_faults_of_their_line)
+{
+    const auto faults = [](const char* text) { return texts_of(quarnctl::parse_configuration(text).faults); };
+    EXPECT_EQ(faults("{\n\"[NIC/eth0]MTU\":1e999}"), Texts{"[NIC/eth0]MTU: line 2: is no such value"});
+    EXPECT_EQ(faults("{\n\"[Hostname]Name\":\"a\xff\"}"), Texts{": line 2: this is no UTF-8 text"});
+    EXPECT_EQ(faults("{\n\n\"[Hostname]Name\":\"a\\u0000b\"}"), Texts{": line 3: a text holds a zero byte"});
 }
 
 // Words for the shell of another machine

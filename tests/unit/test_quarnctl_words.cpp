@@ -55,12 +55,16 @@ TEST(quarnctl_words, are_taken_by_the_type_of_the_setting)
         {"[NTP]Enabled", "", "(none)"},
         {"[NIC/eth0]MTU", "1400", "1400"},
         {"[NIC/eth0]MTU", "abc", "(none)"},
+        {"[NIC/eth0]MTU", "1.4e3", "1400"},
+        {"[NIC/eth0]MTU", "1e999", "(none)"},
+        {"[NIC/eth0]MTU", "[1e999]", "(none)"},
         {"[IPv4/Manual]Address", "10.0.0.5", "\"10.0.0.5\""},
         {"[IPv4/Manual]Address", "null", "null"},
         {"[IPv4/Manual]Address", "", "null"},
         {"[IPv4/Manual]Netmask", "24", "24"},
         {"[IPv4/Manual]Netmask", "/24", "24"},
-        {"[IPv4/Manual]Netmask", "255.255.255.0", "\"255.255.255.0\""},
+        {"[IPv4/Manual]Netmask", "255.255.255.0", "24"},
+        {"[IPv4/Manual]Netmask", "255.255.0.255", "\"255.255.0.255\""},
         {"[IPv4/Manual]Netmask", "wide", "(none)"},
         {"[IPv4/Manual]Netmask", "", "(none)"},
         {"[Hostname]Name", "camera1", "\"camera1\""},
@@ -70,6 +74,7 @@ TEST(quarnctl_words, are_taken_by_the_type_of_the_setting)
         {"[DNS/Manual]Servers", "10.0.0.1", "[\"10.0.0.1\"]"},
         {"[DNS/Manual]Servers", "10.0.0.1,2001:db8::1", "[\"10.0.0.1\",\"2001:db8::1\"]"},
         {"[DNS/Manual]Servers", "", "[]"},
+        {"[DNS/Manual]Servers", "null", "null"},
         {"[DNS/Manual]Servers", "a,,b", "(none)"},
         {"[DNS/Manual]Servers", "[\"10.0.0.1\"]", "[\"10.0.0.1\"]"},
         {"[DNS/Manual]Servers", "\"10.0.0.1\"", "[\"10.0.0.1\"]"},
@@ -96,6 +101,20 @@ TEST(quarnctl_words, a_pair_of_ports_is_one_item_of_a_list_and_a_list_of_its_own
     EXPECT_EQ(items_for("[IPTables/Allow]TcpDestPorts", "7000-8000"), "[[7000,8000]]");
     EXPECT_EQ(items_for("[IPTables/Allow]TcpDestPorts", "22,23"), "[22,23]");
     EXPECT_EQ(value_for("[IPTables/Allow]TcpDestPorts", "[7000,8000]"), "[7000,8000]");
+}
+
+TEST(quarnctl_words, null_is_no_item)
+{
+    EXPECT_EQ(items_for("[DNS/Manual]Servers", "null"), "(none)");
+    EXPECT_EQ(items_for("[IPTables/Allow]TcpDestPorts", "null"), "(none)");
+}
+
+TEST(quarnctl_words, a_netmask_has_a_length_unless_it_has_gaps_or_takes_the_whole_address)
+{
+    EXPECT_EQ(quarnctl::length_of_netmask("128.0.0.0"), 1);
+    EXPECT_EQ(quarnctl::length_of_netmask("255.255.255.254"), 31);
+    for (const char* text : {"255.255.255.255", "255.0.255.0", "0.0.0.1", "24", "255.255.255", ""})
+        EXPECT_EQ(quarnctl::length_of_netmask(text), std::nullopt) << text;
 }
 
 TEST(quarnctl_words, an_assignment_is_split_at_its_first_equals_sign)
@@ -130,6 +149,35 @@ TEST(quarnctl_values, json_is_one_value_and_nothing_after_it)
     EXPECT_EQ(quarnctl::parse_json("1 2"), nullptr);
     EXPECT_EQ(quarnctl::parse_json(std::string("1\0 2", 4)), nullptr);
     EXPECT_EQ(print(quarnctl::parse_json(" [1] ").get()), "[1]");
+}
+
+TEST(quarnctl_values, a_text_with_a_zero_byte_which_would_lose_its_rest_is_none)
+{
+    EXPECT_EQ(quarnctl::parse_json(R"({"a":"b\u0000c"})"), nullptr);
+    EXPECT_EQ(print(quarnctl::parse_json(R"("b\u0001c")").get()), R"("b\u0001c")");
+}
+
+TEST(quarnctl_values, a_number_beyond_all_bounds_is_found_wherever_it_stands)
+{
+    EXPECT_TRUE(quarnctl::has_endless_number(json(R"([1,{"a":-1e999}])").get()));
+    EXPECT_FALSE(quarnctl::has_endless_number(json(R"([1e300,{"a":null}])").get()));
+    EXPECT_FALSE(quarnctl::has_endless_number(nullptr));
+}
+
+TEST(quarnctl_values, the_first_byte_that_belongs_to_no_letter_is_found)
+{
+    EXPECT_EQ(quarnctl::find_bad_byte("a\u00e4\u20ac\U0001F600"), std::string::npos);
+    EXPECT_EQ(quarnctl::find_bad_byte("ab\xff"), 2U);
+    // Cut off, longer than need be, half of a pair, and beyond the last letter.
+    for (const char* text : {"\xe2\x82", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\x80"})
+        EXPECT_EQ(quarnctl::find_bad_byte(text), 0U) << text;
+}
+
+TEST(quarnctl_values, what_speaks_to_a_terminal_is_printed_as_escapes)
+{
+    EXPECT_EQ(quarnctl::printable("\u00e4\n\x7f"), "\u00e4\\x0a\\x7f");
+    EXPECT_EQ(quarnctl::printable("a\u009b2J\u00a0"), "a\\xc2\\x9b2J\u00a0");
+    EXPECT_EQ(quarnctl::printable("\xff\xe2\x82z"), "\\xff\\xe2\\x82z");
 }
 
 TEST(quarnctl_values, nothing_and_null_are_the_same)

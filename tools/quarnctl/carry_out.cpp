@@ -9,9 +9,12 @@ namespace quarnctl {
 namespace {
 
 // Who does not wait reads nothing first either, unless the plan hangs on what is there.
-bool needs_current(const std::vector<std::string>& keys, const cJSON* wanted, const Session& session)
+bool needs_current(const Session& session, const cJSON* wanted, Unchanged unchanged,
+                   const ChangeOptions& options)
 {
-    return !session.no_wait || keys.size() > static_cast<std::size_t>(cJSON_GetArraySize(wanted));
+    const auto count = static_cast<std::size_t>(cJSON_GetArraySize(wanted));
+    return !session.no_wait || options.dry_run || unchanged == Unchanged::LEFT_OUT ||
+           keys_to_read(wanted).size() > count;
 }
 
 OwnedJson result_as_json(bool success, const Plan& plan, const std::vector<Fault>& faults)
@@ -22,14 +25,6 @@ OwnedJson result_as_json(bool success, const Plan& plan, const std::vector<Fault
     put(object.get(), "changes", changes_as_json(plan.changes));
     put(object.get(), "left_alone", faults_as_json(plan.left_alone));
     return object;
-}
-
-void tell_what_is_left_alone(const Session& session, const Plan& plan)
-{
-    if (session.json)
-        return;
-    for (const Fault& fault : plan.left_alone)
-        complain(fault.key + ": " + printable(fault.message));
 }
 
 int report_result(const Session& session, const Plan& plan, const Answer& answer)
@@ -59,6 +54,14 @@ int send_without_waiting(Session& session, const Plan& plan)
 
 } // namespace
 
+void tell_what_is_left_alone(const Session& session, const Plan& plan)
+{
+    if (session.json)
+        return;
+    for (const Fault& fault : plan.left_alone)
+        complain(printable(fault.key) + ": " + printable(fault.message));
+}
+
 bool send_requests(Session& session, const Plan& plan, Answer& answer, Failure& failure)
 {
     std::vector<Fault> faults;
@@ -80,25 +83,30 @@ int carry_out(Session& session, const cJSON* wanted, Unchanged unchanged, const 
     Answer current;
     Failure failure;
     current.root = new_object();
-    const std::vector<std::string> keys = keys_to_read(wanted);
-    if (needs_current(keys, wanted, session) && !get_settings(session, keys, current, failure))
+    const bool is_read = needs_current(session, wanted, unchanged, options);
+    if (is_read && !get_settings(session, keys_to_read(wanted), current, failure))
         return report_failure(session, failure);
-    const Plan plan = make_plan(wanted, current.root.get(), unchanged);
+    // What cannot be read could not be taken back.
+    if (options.confirm_seconds > 0 && !current.faults.empty())
+        return report_faults(session, current.faults);
+    Plan plan = make_plan(wanted, current.root.get(), unchanged);
     if (!plan.faults.empty())
         return report_faults(session, plan.faults);
-    tell_what_is_left_alone(session, plan);
+    plan.left_alone.insert(plan.left_alone.begin(), options.left_out.begin(), options.left_out.end());
+    if (!is_read)
+        plan.changes.clear();
 
     Answer answer;
     answer.success = true;
+    if (!options.dry_run && !plan.requests.empty() && options.confirm_seconds > 0) {
+        const OwnedJson restore = values_to_restore(plan, current.root.get());
+        return change_until_confirmed(session, std::move(plan), restore.get(), options.confirm_seconds);
+    }
+    tell_what_is_left_alone(session, plan);
     if (options.dry_run || plan.requests.empty())
         return report_result(session, plan, answer);
     if (session.no_wait)
         return send_without_waiting(session, plan);
-    OwnedJson restore;
-    if (options.confirm_seconds > 0) {
-        restore = values_to_restore(plan, current.root.get());
-        return change_until_confirmed(session, plan, restore.get(), options.confirm_seconds);
-    }
     if (!send_requests(session, plan, answer, failure) && failure.exit_status != DONE)
         return report_failure(session, failure);
     return report_result(session, plan, answer);

@@ -122,6 +122,14 @@ bool ChangeFolder::lock_for_guard() const
     return flock(folder_.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
+bool ChangeFolder::is_guarded() const
+{
+    if (flock(folder_.get(), LOCK_SH | LOCK_NB) != 0)
+        return errno == EWOULDBLOCK;
+    flock(folder_.get(), LOCK_UN);
+    return false;
+}
+
 OwnedDescriptor ChangeFolder::add(const ChangeRecord& record) const
 {
     if (faccessat(folder_.get(), RESTORING, F_OK, 0) == 0) {

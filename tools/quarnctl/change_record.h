@@ -43,6 +43,7 @@ public:
     int descriptor() const { return folder_.get(); }
     // Only one guard may watch: false when another does.
     bool lock_for_guard() const;
+    bool is_guarded() const;
 
     // Puts a record there and holds it locked until the returned descriptor is closed, which says that the
     // change is still under way. Not open, with EEXIST, while another change waits.

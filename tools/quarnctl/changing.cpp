@@ -99,6 +99,9 @@ int run_set(Session& session, const std::vector<std::string>& words, const Chang
     Failure failure;
     if (!read_lists(session, assignments, current, failure))
         return report_failure(session, failure);
+    // A list that cannot be read must not be taken for an empty one.
+    if (!current.faults.empty())
+        return report_refusal(session, current);
     const OwnedJson wanted = new_object();
     for (const Assignment& assignment : assignments) {
         const std::string fault =
@@ -146,11 +149,12 @@ int run_apply(Session& session, const std::string& file, UnknownKeys unknown, co
     ConfigurationFile configuration = parse_configuration(text);
     if (unknown == UnknownKeys::ARE_SKIPPED)
         skip_unknown_keys(configuration);
-    for (const std::string& key : configuration.skipped)
-        complain(printable(key) + ": skipped, there is no such setting here");
     if (!configuration.faults.empty())
         return report_faults(session, configuration.faults);
-    return carry_out(session, configuration.settings.get(), Unchanged::LEFT_OUT, options);
+    ChangeOptions change = options;
+    for (const std::string& key : configuration.skipped)
+        change.left_out.push_back({key, CODE_UNKNOWN_KEY, "skipped, there is no such setting here"});
+    return carry_out(session, configuration.settings.get(), Unchanged::LEFT_OUT, change);
 }
 
 } // namespace quarnctl

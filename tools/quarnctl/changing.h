@@ -12,6 +12,8 @@ struct ChangeOptions {
     bool dry_run = false;
     // The change is taken back unless it is confirmed within this time; 0: it stays.
     unsigned confirm_seconds = 0;
+    // What of the wish is left out, and told beside the result.
+    std::vector<Fault> left_out;
 };
 
 // Each returns the exit status. Words are "KEY=VALUE", "KEY+=ITEM" or "KEY-=ITEM".

@@ -8,10 +8,12 @@
 #include "remote.h"
 #include "report.h"
 #include "status.h"
+#include "values.h"
 #include "watching.h"
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <functional>
 #include <memory>
 
@@ -56,7 +58,8 @@ std::vector<std::string> marked_words(int argc, char** argv)
 
 void unmark(std::string& word)
 {
-    std::erase(word, MARK);
+    if (word.starts_with(MARK))
+        word.erase(0, 1);
 }
 
 using Run = std::function<int(Words& words)>;
@@ -223,7 +226,26 @@ int run_there(const Words& words, const std::string& command)
     arguments.insert(arguments.end(), words.keys.begin(), words.keys.end());
     if (command == "apply")
         arguments.emplace_back("-");
-    return run_on_camera(words.session.host, arguments, words.file == "-" ? "" : words.file);
+    return run_on_camera(words.session, arguments, words.file == "-" ? "" : words.file);
+}
+
+// What stands against the words although each of them could be read; empty when it is nothing.
+std::string fault_of(const Words& words)
+{
+    for (const std::string& key : words.keys) {
+        if (find_bad_byte(key) != std::string::npos)
+            return "'" + printable(key) + "' is no UTF-8 text";
+    }
+    if (find_bad_byte(words.pattern) != std::string::npos)
+        return "'" + printable(words.pattern) + "' is no UTF-8 text";
+    if (words.session.no_wait && words.change.confirm_seconds > 0)
+        return "--confirm waits for the change, so --no-wait has no place beside it";
+    if (words.session.host.starts_with('-'))
+        return "a host's name does not begin with '-'";
+    // No comparison keeps it out of a range.
+    if (std::isnan(words.interval_seconds))
+        return "--interval: that is no number";
+    return {};
 }
 
 int run(Words& words, const Command& command)
@@ -232,12 +254,9 @@ int run(Words& words, const Command& command)
         unmark(word);
     unmark(words.pattern);
     unmark(words.file);
-    if (words.session.no_wait && words.change.confirm_seconds > 0) {
-        complain("--confirm waits for the change, so --no-wait has no place beside it");
-        return USAGE;
-    }
-    if (words.session.host.starts_with('-')) {
-        complain("a host's name does not begin with '-'");
+    unmark(words.session.host);
+    if (const std::string fault = fault_of(words); !fault.empty()) {
+        complain(fault);
         return USAGE;
     }
     if (must_run_on_camera(words, command.parser->get_name()))
@@ -248,11 +267,15 @@ int run(Words& words, const Command& command)
 int report_usage(const CLI::App& parser, const CLI::ParseError& error)
 {
     std::string message = error.what();
-    unmark(message);
     const bool is_wish = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
     if (is_wish)
         return parser.exit(error);
-    complain(message + "; see 'quarnctl --help'");
+    // CLI11 says only that a command is missing.
+    const std::vector<std::string> rest = parser.remaining();
+    if (parser.get_subcommands().empty() && !rest.empty())
+        message = "there is no command '" + rest.front() + "'";
+    std::erase(message, MARK);
+    complain(printable(message) + "; see 'quarnctl --help'");
     return USAGE;
 }
 

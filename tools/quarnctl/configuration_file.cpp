@@ -2,6 +2,7 @@
 
 #include "catalogue.h"
 #include "values.h"
+#include "words.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,10 +30,16 @@ bool read_stream(FILE* stream, std::string& text)
     return false;
 }
 
+// The ends of lines from one offset to another.
+std::size_t count_lines(std::string_view text, std::size_t from, std::size_t to)
+{
+    const std::string_view part = text.substr(std::min(from, text.size()), to - from);
+    return static_cast<std::size_t>(std::ranges::count(part, '\n'));
+}
+
 std::size_t line_at(const std::string& text, std::size_t offset)
 {
-    const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, text.size()));
-    return 1 + static_cast<std::size_t>(std::count(text.begin(), end, '\n'));
+    return 1 + count_lines(text, 0, offset);
 }
 
 std::string in_line(std::size_t line, const std::string& message)
@@ -50,6 +57,8 @@ std::size_t find_member(const std::string& text, const char* key, std::size_t fr
 
 Fault fault_of_json(const std::string& text)
 {
+    if (const std::size_t zero = text.find("\\u0000"); zero != std::string::npos)
+        return {"", CODE_MALFORMED, in_line(line_at(text, zero), "a text holds a zero byte")};
     const char* end = nullptr;
     const OwnedJson value(cJSON_ParseWithOpts(text.c_str(), &end, 1));
     const std::size_t offset = end != nullptr ? static_cast<std::size_t>(end - text.c_str()) : 0;
@@ -66,9 +75,22 @@ Fault fault_of_member(const cJSON* item, bool is_repeated, std::size_t line)
         return {item->string, CODE_UNKNOWN_KEY, in_line(line, "Unknown key")};
     if (!can_be_set(*setting))
         return {item->string, CODE_WRONG_FORM, in_line(line, "is read-only")};
+    if (has_endless_number(item))
+        return {item->string, CODE_WRONG_FORM, in_line(line, "is no such value")};
     if (is_repeated)
         return {item->string, CODE_REPEATED_KEY, in_line(line, "is there twice")};
     return {};
+}
+
+// The daemon keeps the length: a file with dotted netmasks would never be found to be applied already.
+void shorten_netmasks(cJSON* settings)
+{
+    for (const Setting& setting : all_settings()) {
+        if (setting.type != Type::NETMASK)
+            continue;
+        if (const std::optional<int> length = length_of_netmask(text_member(settings, setting.key)))
+            put(settings, setting.key, OwnedJson(cJSON_CreateNumber(*length)));
+    }
 }
 
 } // namespace
@@ -79,13 +101,17 @@ bool read_configuration_file(const std::string& path, std::string& text, Failure
     FILE* stream = path == "-" ? stdin : opened.get();
     if (stream != nullptr && read_stream(stream, text))
         return true;
-    failure = {REFUSED, path + ": " + std::strerror(errno)};
+    failure = {REFUSED, printable(path) + ": " + std::strerror(errno)};
     return false;
 }
 
 ConfigurationFile parse_configuration(const std::string& text)
 {
     ConfigurationFile file;
+    if (const std::size_t bad = find_bad_byte(text); bad != std::string::npos) {
+        file.faults.push_back({"", CODE_MALFORMED, in_line(line_at(text, bad), "this is no UTF-8 text")});
+        return file;
+    }
     file.settings = parse_json(text);
     if (!cJSON_IsObject(file.settings.get())) {
         file.faults.push_back(fault_of_json(text));
@@ -93,13 +119,16 @@ ConfigurationFile parse_configuration(const std::string& text)
     }
     std::set<std::string> seen;
     std::size_t offset = 0;
+    std::size_t line = 1;
     for (const cJSON* item = file.settings->child; item != nullptr; item = item->next) {
-        offset = find_member(text, item->string, offset);
-        Fault fault = fault_of_member(item, !seen.insert(item->string).second, line_at(text, offset));
+        const std::size_t found = find_member(text, item->string, offset);
+        line += count_lines(text, offset, found);
+        offset = found + 1;
+        Fault fault = fault_of_member(item, !seen.insert(item->string).second, line);
         if (fault.code != 0)
             file.faults.push_back(std::move(fault));
-        ++offset;
     }
+    shorten_netmasks(file.settings.get());
     return file;
 }
 

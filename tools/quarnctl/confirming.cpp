@@ -6,17 +6,22 @@
 #include "values.h"
 
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 namespace quarnctl {
 
 namespace {
 
+// How long the guard may take to start.
+constexpr std::uint64_t LONGEST_START = 10000;
+constexpr char GUARD_AT_WORK[] = "the guard has not taken the change back yet";
+constexpr char GUARD_AWAY[] =
+    "nobody takes the change back yet; start the guard with: systemctl start quarnctl-guard.path";
 constexpr char GUARD_MISSING[] =
     "the change is not made: nobody would take it back; start the guard with: systemctl start "
     "quarnctl-guard.path";
@@ -34,9 +39,8 @@ std::string problem_of_folder(int error)
 
 bool wait_until_watched(const ChangeFolder& folder, const FolderWatch& watch, const ChangeRecord& record)
 {
-    constexpr std::uint64_t LONGEST_WAIT = 10000;
     constexpr int STEP = 200;
-    const std::uint64_t end = milliseconds_since_boot() + LONGEST_WAIT;
+    const std::uint64_t end = milliseconds_since_boot() + LONGEST_START;
     while (!folder.is_watched(record)) {
         if (milliseconds_since_boot() >= end)
             return false;
@@ -58,13 +62,26 @@ bool is_waiting(const ChangeFolder& folder, const ChangeRecord& record)
     return pending && pending->id == record.id;
 }
 
+// Empty when there is none within the time, or nobody who could bring it about.
 std::string wait_for_outcome(const ChangeFolder& folder, const FolderWatch& watch, const std::string& id,
                              unsigned seconds)
 {
-    constexpr int STEP = 1000;
-    const std::uint64_t end = milliseconds_since_boot() + std::uint64_t{seconds} * 1000;
-    while (outcome_of(folder, id).empty() && milliseconds_since_boot() < end)
-        watch.wait(STEP);
+    constexpr std::uint64_t SECOND = 1000;
+    const bool is_shown = isatty(STDERR_FILENO) != 0;
+    const std::uint64_t start = milliseconds_since_boot();
+    std::uint64_t passed = 0;
+    bool is_guarded = false;
+    while (outcome_of(folder, id).empty() && passed < seconds * SECOND) {
+        is_guarded = is_guarded || folder.is_guarded();
+        if (!is_guarded && passed >= LONGEST_START)
+            break;
+        if (is_shown && passed >= SECOND)
+            show_progress("taking back ... " + std::to_string(passed / SECOND) + " s");
+        watch.wait(static_cast<int>(SECOND));
+        passed = milliseconds_since_boot() - start;
+    }
+    if (is_shown && passed >= SECOND)
+        clear_progress();
     return outcome_of(folder, id);
 }
 
@@ -110,29 +127,33 @@ int count_down(const Session& session, const ChangeFolder& folder, const FolderW
 {
     constexpr int STEP = 200;
     constexpr unsigned TIME_TO_RESTORE = 5;
-    bool has_keyboard = isatty(STDIN_FILENO) != 0;
+    // A program in the background would be stopped by a touch of the keyboard.
+    bool has_keyboard = isatty(STDIN_FILENO) != 0 && tcgetpgrp(STDIN_FILENO) == getpgrp();
+    // What was typed before the result was there confirms nothing.
+    if (has_keyboard)
+        tcflush(STDIN_FILENO, TCIFLUSH);
     while (is_waiting(folder, record)) {
         const std::uint64_t now = milliseconds_since_boot();
         const std::uint64_t rest = now < deadline ? deadline - now : 0;
-        std::fprintf(stderr, "\r\033[Ktaken back in %llu s; Enter or 'quarnctl confirm' keeps it ",
-                     static_cast<unsigned long long>((rest + 999) / 1000));
+        show_progress("taken back in " + std::to_string((rest + 999) / 1000) +
+                      " s; Enter or 'quarnctl confirm' keeps it ");
         if (is_enter_pressed(has_keyboard, STEP, watch) && confirm(folder, record.id))
             break;
     }
-    std::fputs("\r\033[K", stderr);
+    clear_progress();
     const std::string result =
         wait_for_outcome(folder, watch, record.id, session.timeout_seconds + TIME_TO_RESTORE);
     return report_outcome(session, result.empty() ? "being taken back" : result, result == "confirmed");
 }
 
-// Before anything is changed: some values had none before, and cannot be without one again.
-void tell_what_stays(const Plan& plan, const cJSON* restore)
+// Some values had none before, and cannot be without one again.
+void add_what_stays(Plan& plan, const cJSON* restore)
 {
     const OwnedJson after = new_object();
     for (const Change& change : plan.changes)
         put(after.get(), change.key, copy_of(change.after.get()));
     for (const Fault& fault : make_plan(restore, after.get(), Unchanged::LEFT_OUT).left_alone)
-        complain(fault.key + ": cannot be taken back to having no value");
+        plan.left_alone.push_back({fault.key, fault.code, "cannot be taken back to having no value"});
 }
 
 void tell_deadline(const Session& session, const Plan& plan, const Answer& answer, unsigned seconds)
@@ -142,6 +163,7 @@ void tell_deadline(const Session& session, const Plan& plan, const Answer& answe
         cJSON_AddTrueToObject(object.get(), "success");
         put(object.get(), "errors", faults_as_json(answer.faults));
         put(object.get(), "changes", changes_as_json(plan.changes));
+        put(object.get(), "left_alone", faults_as_json(plan.left_alone));
         cJSON_AddNumberToObject(object.get(), "confirm_within", seconds);
         print_json(object.get());
         return;
@@ -178,7 +200,7 @@ int report_nothing_pending(const Session& session, const ChangeFolder& folder)
 
 } // namespace
 
-int change_until_confirmed(Session& session, const Plan& plan, const cJSON* restore, unsigned seconds)
+int change_until_confirmed(Session& session, Plan plan, const cJSON* restore, unsigned seconds)
 {
     const ChangeFolder folder(STATE_FOLDER);
     const FolderWatch watch(STATE_FOLDER);
@@ -192,7 +214,8 @@ int change_until_confirmed(Session& session, const Plan& plan, const cJSON* rest
         folder.keep_change();
         return report_failure(session, {REFUSED, GUARD_MISSING});
     }
-    tell_what_stays(plan, restore);
+    add_what_stays(plan, restore);
+    tell_what_is_left_alone(session, plan);
     Answer answer;
     Failure failure;
     if (!send_requests(session, plan, answer, failure))
@@ -234,7 +257,7 @@ int run_rollback(const Session& session)
                                : report_failure(session, {REFUSED, problem_of_folder(errno)});
     const std::string result = wait_for_outcome(folder, watch, record->id, session.timeout_seconds);
     if (result.empty())
-        return report_failure(session, {REFUSED, "the guard has not taken the change back yet"});
+        return report_failure(session, {REFUSED, folder.is_guarded() ? GUARD_AT_WORK : GUARD_AWAY});
     return report_outcome(session, result, result == "taken back");
 }
 

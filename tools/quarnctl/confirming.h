@@ -7,7 +7,7 @@ namespace quarnctl {
 
 // Has the change watched by the guard, then sends it, and shows the countdown on a terminal. Returns the exit
 // status: a change that is not watched is not sent.
-int change_until_confirmed(Session& session, const Plan& plan, const cJSON* restore, unsigned seconds);
+int change_until_confirmed(Session& session, Plan plan, const cJSON* restore, unsigned seconds);
 
 int run_confirm(const Session& session);
 // Has the guard restore what was, and waits for it.

@@ -17,6 +17,11 @@ constexpr char DHCP_ENABLED[] = "[IPv4/DHCP]Enabled";
 constexpr char RATE_LIMIT[] = "[TrafficShaping]AvgRateLimit";
 constexpr const char* LINK_SPEEDS[] = {"[NIC/eth0/AutoNegotiated]LinkSpeed", "[NIC/eth0/Manual]LinkSpeed"};
 
+constexpr char MTU[] = "[NIC/eth0]MTU";
+constexpr char IPV6_ENABLED[] = "[IPv6]Enabled";
+// The kernel takes IPv6 off an interface with a smaller one.
+constexpr double SMALLEST_IPV6_MTU = 1280;
+
 using Keys = std::span<const char* const>;
 
 bool is_one_of(Keys keys, std::string_view key)
@@ -57,13 +62,16 @@ public:
         for (const Setting& setting : all_settings()) {
             if (const cJSON* value = member(wanted_, setting.key); value != nullptr)
                 add(setting, value);
-            else if (setting.key == GATEWAYS)
+            if (setting.key == GATEWAYS && member(request_.get(), GATEWAYS) == nullptr)
                 keep_gateways();
         }
+        const bool gets_ipv6_back = brings_ipv6_back();
         if (request_->child != nullptr)
             plan_.requests.push_back(std::move(request_));
         if (takes_gateways_away_)
             plan_.requests.push_back(request_without_gateways());
+        if (gets_ipv6_back)
+            plan_.requests.push_back(request_with_ipv6());
         return std::move(plan_);
     }
 
@@ -73,9 +81,7 @@ private:
         const cJSON* now = member(current_, setting.key);
         if (is_nothing(value) && !can_be_taken_away(setting)) {
             if (!is_nothing(now))
-                plan_.left_alone.push_back(
-                    {std::string(setting.key), CODE_WRONG_FORM,
-                     "cannot be taken away, only changed; it stays " + plain_text(now)});
+                leave_alone(setting, now);
             return;
         }
         if (setting.key == GATEWAYS && is_empty_list(value))
@@ -84,6 +90,15 @@ private:
             compare_first_gateway(value);
         else if (must_be_sent(setting, value, now))
             send(std::string(setting.key), value, now);
+    }
+
+    // Among others it is no reason to refuse them; who asks for nothing else must not be told that it is
+    // done.
+    void leave_alone(const Setting& setting, const cJSON* now)
+    {
+        (unchanged_ == Unchanged::SENT ? plan_.faults : plan_.left_alone)
+            .push_back({std::string(setting.key), CODE_WRONG_FORM,
+                        "cannot be taken away, only changed; it stays " + plain_text(now)});
     }
 
     // A link speed brings a rate limit of its own with it, so the wanted one is sent along.
@@ -119,6 +134,25 @@ private:
         const cJSON* now = member(current_, GATEWAYS);
         if (names_one_of(ADDRESS_KEYS, request_.get()) && first_item(now) != nullptr)
             put(request_.get(), GATEWAYS, copy_of(now));
+    }
+
+    // With a larger MTU the interface has IPv6 again, but neither the addresses nor the routes it had.
+    bool brings_ipv6_back() const
+    {
+        const cJSON* now = member(current_, MTU);
+        const cJSON* next = member(request_.get(), MTU);
+        const cJSON* wanted_ipv6 = member(wanted_, IPV6_ENABLED);
+        return cJSON_IsNumber(now) && now->valuedouble < SMALLEST_IPV6_MTU && cJSON_IsNumber(next) &&
+               next->valuedouble >= SMALLEST_IPV6_MTU &&
+               cJSON_IsTrue(wanted_ipv6 != nullptr ? wanted_ipv6 : member(current_, IPV6_ENABLED));
+    }
+
+    // Sent as it is once the MTU is there, the switch of IPv6 has all of it set anew.
+    static OwnedJson request_with_ipv6()
+    {
+        OwnedJson request = new_object();
+        put(request.get(), IPV6_ENABLED, OwnedJson(cJSON_CreateTrue()));
+        return request;
     }
 
     // The first gateway has no effect of its own. While no DHCP client looks after the routes, the switch of
@@ -166,6 +200,8 @@ void add_companions(std::vector<std::string>& keys, std::string_view key)
     }
     if (is_one_of(LINK_SPEEDS, key))
         add_key(keys, RATE_LIMIT);
+    if (key == MTU)
+        add_key(keys, IPV6_ENABLED);
 }
 
 } // namespace

@@ -4,9 +4,28 @@
 #include "nearest.h"
 #include "values.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace quarnctl {
+
+namespace {
+
+constexpr std::size_t MOST_SUGGESTIONS = 100;
+
+std::string text_without_suggestion(const Fault& fault)
+{
+    std::string text = fault.key.empty() ? "" : printable(fault.key) + ": ";
+    text += printable(fault.message);
+    const Setting* setting = find_setting(fault.key);
+    if (setting != nullptr && fault.code != CODE_COMBINATION && fault.code != CODE_INTERNAL)
+        text += std::string(" (accepted: ") + setting->accepts + ")";
+    return text;
+}
+
+} // namespace
 
 void print_line(std::string_view text)
 {
@@ -19,6 +38,20 @@ void complain(std::string_view text)
     std::fprintf(stderr, "quarnctl: %.*s\n", static_cast<int>(text.size()), text.data());
 }
 
+void show_progress(const std::string& text)
+{
+    winsize size{};
+    const bool is_known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    // A line that fills the last column would be continued on the next one, and never taken away again.
+    const std::string shown = is_known ? text.substr(0, size.ws_col - 1U) : text;
+    std::fprintf(stderr, "\r\033[K%s", shown.c_str());
+}
+
+void clear_progress()
+{
+    std::fputs("\r\033[K", stderr);
+}
+
 void print_json(const cJSON* value)
 {
     print_line(json_text(value));
@@ -26,14 +59,7 @@ void print_json(const cJSON* value)
 
 std::string fault_text(const Fault& fault)
 {
-    std::string text = fault.key.empty() ? "" : printable(fault.key) + ": ";
-    text += printable(fault.message);
-    const Setting* setting = find_setting(fault.key);
-    if (setting != nullptr && fault.code != CODE_COMBINATION && fault.code != CODE_INTERNAL)
-        text += std::string(" (accepted: ") + setting->accepts + ")";
-    if (fault.code == CODE_UNKNOWN_KEY)
-        text += suggestion_for(fault.key);
-    return text;
+    return text_without_suggestion(fault) + (fault.code == CODE_UNKNOWN_KEY ? suggestion_for(fault.key) : "");
 }
 
 OwnedJson faults_as_json(const std::vector<Fault>& faults)
@@ -55,7 +81,7 @@ int report_failure(const Session& session, const Failure& failure)
     if (session.json)
         (void)report_faults(session, {{"", CODE_INTERNAL, failure.message}});
     else
-        complain(failure.message);
+        complain(printable(failure.message));
     return failure.exit_status;
 }
 
@@ -68,8 +94,10 @@ int report_faults(const Session& session, const std::vector<Fault>& faults)
         print_json(object.get());
         return REFUSED;
     }
+    // For the thousands of a file of something else the nearest keys would take minutes.
+    std::size_t count = 0;
     for (const Fault& fault : faults)
-        complain(fault_text(fault));
+        complain(++count <= MOST_SUGGESTIONS ? fault_text(fault) : text_without_suggestion(fault));
     return REFUSED;
 }
 

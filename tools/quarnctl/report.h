@@ -15,6 +15,10 @@ void print_line(std::string_view text);
 void complain(std::string_view text);
 void print_json(const cJSON* value);
 
+// A line on the terminal of standard error, cut to its width, until the next one takes its place.
+void show_progress(const std::string& text);
+void clear_progress();
+
 // "KEY: what is wrong (accepted: ...)", with the nearest keys for an unknown one.
 std::string fault_text(const Fault& fault);
 OwnedJson faults_as_json(const std::vector<Fault>& faults);

@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include "report.h"
 #include "values.h"
 
 #include <unistd.h>
@@ -8,6 +9,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <set>
+#include <string_view>
 
 namespace quarnctl {
 
@@ -18,6 +21,7 @@ using OwnedMessage = std::unique_ptr<sd_bus_message, Releaser<sd_bus_message_unr
 using OwnedSlot = std::unique_ptr<sd_bus_slot, Releaser<sd_bus_slot_unref>>;
 
 constexpr std::uint64_t MICROSECONDS = 1'000'000;
+constexpr char NOT_FOR_THE_BUS[] = "a text holds letters that cannot be sent over the bus";
 constexpr char NO_PERMISSION[] = "not permitted: become root, or a member of the group 'quarn'";
 
 // An error of a call, freed with it.
@@ -46,7 +50,7 @@ public:
     ~Progress()
     {
         if (is_written_)
-            std::fputs("\r\033[K", stderr);
+            clear_progress();
     }
 
     void show()
@@ -54,7 +58,7 @@ public:
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start_).count();
         if (!is_shown_ || seconds < 1)
             return;
-        std::fprintf(stderr, "\r\033[K%s ... %lld s", what_, static_cast<long long>(seconds));
+        show_progress(std::string(what_) + " ... " + std::to_string(seconds) + " s");
         is_written_ = true;
     }
 
@@ -101,11 +105,14 @@ bool call(Session& session, const char* method, const std::string& text, std::st
     if (!connect(session, failure))
         return false;
     const OwnedMessage message = new_call(session.bus.get(), method, text);
+    if (!message) {
+        failure = {REFUSED, NOT_FOR_THE_BUS};
+        return false;
+    }
     OwnedMessage reply;
     sd_bus_slot* slot = nullptr;
-    int result = message ? sd_bus_call_async(session.bus.get(), &slot, message.get(), take_reply, &reply,
-                                             session.timeout_seconds * MICROSECONDS)
-                         : -EINVAL;
+    int result = sd_bus_call_async(session.bus.get(), &slot, message.get(), take_reply, &reply,
+                                   session.timeout_seconds * MICROSECONDS);
     const OwnedSlot owned_slot(slot);
     if (result >= 0) {
         Progress progress(std::strcmp(method, "api_set") == 0 ? "applying" : "waiting for the daemon");
@@ -196,8 +203,12 @@ bool get_settings(Session& session, const std::vector<std::string>& keys, Answer
 {
     OwnedJson request = new_object();
     cJSON* list = cJSON_AddArrayToObject(request.get(), "settings");
-    for (const std::string& key : keys)
-        cJSON_AddItemToArray(list, cJSON_CreateString(key.c_str()));
+    // The daemon refuses to read a key twice.
+    std::set<std::string_view> asked;
+    for (const std::string& key : keys) {
+        if (asked.insert(key).second)
+            cJSON_AddItemToArray(list, cJSON_CreateString(key.c_str()));
+    }
     std::string text;
     return call(session, "api_get", json_text(request.get()), text, failure) &&
            parse_answer(text, answer, failure);
@@ -214,14 +225,18 @@ bool send_settings(Session& session, const cJSON* settings, Failure& failure)
 {
     if (!connect(session, failure))
         return false;
+    const OwnedMessage message = new_call(session.bus.get(), "api_set", json_text(settings));
+    if (!message) {
+        failure = {REFUSED, NOT_FOR_THE_BUS};
+        return false;
+    }
     // What nobody waits for would otherwise be lost in silence.
     BusError error;
     int result =
         sd_bus_call_method(session.bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                            "org.freedesktop.DBus", "GetNameOwner", &error.error, nullptr, "s", BUS_NAME);
     if (result >= 0) {
-        const OwnedMessage message = new_call(session.bus.get(), "api_set", json_text(settings));
-        result = message ? sd_bus_message_set_expect_reply(message.get(), 0) : -EINVAL;
+        result = sd_bus_message_set_expect_reply(message.get(), 0);
         if (result >= 0)
             result = sd_bus_send(session.bus.get(), message.get(), nullptr);
         if (result >= 0)

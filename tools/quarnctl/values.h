@@ -8,7 +8,8 @@
 
 namespace quarnctl {
 
-// One JSON value and nothing but blanks after it; null when it is none.
+// One JSON value and nothing but blanks after it; null when it is none, or when one of its texts holds a zero
+// byte, behind which the rest would be lost.
 OwnedJson parse_json(const std::string& text);
 OwnedJson copy_of(const cJSON* value);
 OwnedJson new_object();
@@ -31,7 +32,12 @@ std::string plain_text(const cJSON* value);
 // An object with a member a line, as it lies well in version control.
 std::string json_file(const cJSON* object);
 
-// Control bytes as escapes, so that no value forges a line or speaks to the terminal.
+// Whether a number in it is too large to be one: JSON has no word for it.
+bool has_endless_number(const cJSON* value);
+
+// Where the first byte is that belongs to no UTF-8 letter; npos where all do. Nothing else goes over the bus.
+std::size_t find_bad_byte(std::string_view text);
+// Control letters and bad bytes as escapes, so that no value forges a line or speaks to the terminal.
 std::string printable(std::string_view text);
 
 } // namespace quarnctl

@@ -89,13 +89,15 @@ int wake_up(sd_bus_message*, void*, sd_bus_error*)
 
 int listen_for_ever(Session& session)
 {
-    for (;;) {
+    // What cannot be written is told at the end of the program.
+    while (std::ferror(stdout) == 0) {
         int result = sd_bus_process(session.bus.get(), nullptr);
         if (result == 0)
             result = sd_bus_wait(session.bus.get(), UINT64_MAX);
         if (result < 0 && result != -EINTR)
             return report_failure(session, failure_of(session, {}, -result));
     }
+    return REFUSED;
 }
 
 // Turns the connection for a while, or until a signal came. False when the connection is lost.
@@ -155,7 +157,7 @@ int run_watch(Session& session, const std::vector<std::string>& keys, unsigned i
     if (result < 0)
         return report_failure(session, failure_of(session, {}, -result));
     const OwnedJson last = new_object();
-    for (;;) {
+    while (std::ferror(stdout) == 0) {
         print_changed(session, keys, answer.root.get(), last.get());
         if (!wait_for_signal(session, interval))
             return report_failure(session, {NO_DAEMON, "the connection to the bus is lost"});
@@ -166,6 +168,7 @@ int run_watch(Session& session, const std::vector<std::string>& keys, unsigned i
         else if (!session.bus || sd_bus_is_open(session.bus.get()) <= 0)
             return report_failure(session, failure);
     }
+    return REFUSED;
 }
 
 } // namespace quarnctl

@@ -2,9 +2,12 @@
 
 #include "values.h"
 
+#include <arpa/inet.h>
+
 #include <array>
+#include <bit>
 #include <charconv>
-#include <optional>
+#include <cstdint>
 #include <vector>
 
 namespace quarnctl {
@@ -36,12 +39,15 @@ std::optional<int> digits_of(std::string_view word)
     return is_number ? std::optional<int>(number) : std::nullopt;
 }
 
-// "24", "/24" or a dotted netmask, which the daemon takes as a text.
+// "24", "/24" or a dotted netmask. What only looks like one is for the daemon to refuse.
 OwnedJson netmask_of(std::string_view word)
 {
     const std::string_view digits = word.starts_with('/') ? word.substr(1) : word;
-    if (digits.find('.') != std::string_view::npos && digits == word)
-        return OwnedJson(cJSON_CreateString(std::string(word).c_str()));
+    if (digits.find('.') != std::string_view::npos && digits == word) {
+        const std::string text(word);
+        const std::optional<int> dotted = length_of_netmask(text);
+        return OwnedJson(dotted ? cJSON_CreateNumber(*dotted) : cJSON_CreateString(text.c_str()));
+    }
     const std::optional<int> length = digits.empty() ? std::nullopt : digits_of(digits);
     return OwnedJson(length ? cJSON_CreateNumber(*length) : nullptr);
 }
@@ -110,10 +116,16 @@ OwnedJson list_with(OwnedJson item)
     return list;
 }
 
-OwnedJson list_value(Type type, const std::string& word)
+OwnedJson json_of_word(const std::string& word)
 {
     OwnedJson json = parse_json(word);
-    if (cJSON_IsArray(json.get()))
+    return has_endless_number(json.get()) ? nullptr : std::move(json);
+}
+
+OwnedJson list_value(Type type, const std::string& word)
+{
+    OwnedJson json = json_of_word(word);
+    if (cJSON_IsArray(json.get()) || cJSON_IsNull(json.get()))
         return json;
     return is_item(type, json.get()) ? list_with(std::move(json)) : list_of(type, word);
 }
@@ -129,13 +141,25 @@ OwnedJson text_value(const std::string& word)
 
 } // namespace
 
+std::optional<int> length_of_netmask(const std::string& dotted)
+{
+    constexpr int BITS = 32;
+    in_addr mask{};
+    if (inet_pton(AF_INET, dotted.c_str(), &mask) != 1)
+        return std::nullopt;
+    const std::uint32_t bits = ntohl(mask.s_addr);
+    const int length = std::countl_one(bits);
+    const bool has_gap = std::popcount(bits) != length;
+    return has_gap || length == BITS ? std::nullopt : std::optional<int>(length);
+}
+
 OwnedJson value_of_word(const Setting& setting, const std::string& word)
 {
     if (setting.type == Type::TEXT)
         return text_value(word);
     if (is_list(setting))
         return list_value(setting.type, word);
-    OwnedJson json = parse_json(word);
+    OwnedJson json = json_of_word(word);
     if (json)
         return json;
     if (setting.type == Type::BOOLEAN)
@@ -145,10 +169,11 @@ OwnedJson value_of_word(const Setting& setting, const std::string& word)
 
 OwnedJson items_of_word(const Setting& setting, const std::string& word)
 {
-    OwnedJson json = parse_json(word);
+    OwnedJson json = json_of_word(word);
     if (setting.type == Type::PORT_LIST && is_port_range(json.get()))
         return list_with(std::move(json));
-    return list_value(setting.type, word);
+    OwnedJson items = list_value(setting.type, word);
+    return cJSON_IsArray(items.get()) ? std::move(items) : nullptr;
 }
 
 bool parse_assignment(std::string_view text, Assignment& assignment)

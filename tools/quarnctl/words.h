@@ -3,6 +3,7 @@
 
 #include "catalogue.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,9 @@ namespace quarnctl {
 // The value that a word means for a setting: JSON as it is, else by the setting's type ("on", "22,7000-8000",
 // "camera1"). Null when it means none.
 OwnedJson value_of_word(const Setting& setting, const std::string& word);
+
+// The prefix length that a dotted netmask stands for, which the daemon makes of it; nothing where it is none.
+std::optional<int> length_of_netmask(const std::string& dotted);
 
 // The items that a word means for a list setting, as a JSON array: for a list of ports "[7000,8000]" is one
 // range here. Null when it means none.

@@ -31,10 +31,12 @@ _quarnctl_options_of() {
 }
 
 _quarnctl() {
-    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command="" i
+    # People put keys in quotes, or a backslash before each bracket.
+    local word=${COMP_WORDS[COMP_CWORD]#[\"\']} before=${COMP_WORDS[COMP_CWORD - 1]} command="" i
     for ((i = 1; i < COMP_CWORD; i++)); do
         [[ " $_quarnctl_commands " == *" ${COMP_WORDS[i]} "* ]] && command=${COMP_WORDS[i]} && break
     done
+    word=${word//\\/}
     COMPREPLY=()
     if [[ $before == -H || $before == --host || $before == --timeout || $before == --confirm ]]; then
         return
@@ -47,6 +49,10 @@ _quarnctl() {
         _quarnctl_values "$before" ""
     elif [[ $command == set && $before == "=" ]]; then
         _quarnctl_values "${COMP_WORDS[COMP_CWORD - 2]}" "$word"
+    elif [[ $command == set && $word == ?*=* ]]; then
+        # In quotes it does not.
+        _quarnctl_values "${word%%=*}" "${word#*=}"
+        COMPREPLY=("${COMPREPLY[@]/#/${word%%=*}=}")
     elif [[ $command == set ]]; then
         _quarnctl_keys rw "=" "$word"
         compopt -o nospace 2>/dev/null
