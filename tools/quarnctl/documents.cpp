@@ -24,7 +24,7 @@ Where a value is kept:
 | boot environment | the boot loader's environment, and the store beside it |
 | memory | the daemon's memory, gone when it ends: what DHCP clients and discovery report |
 | live | the state of the system, read at the moment |
-| read-only | a constant of the camera |
+| read-only | cannot be set: a constant of the camera, or what the daemon remembers for itself |
 
 )";
 
