@@ -1,4 +1,4 @@
-"""The examples of docs/bus.md, called as printed; the documents' lists against the sources."""
+"""The documents' examples, called as printed, and their lists against the sources."""
 
 from __future__ import annotations
 
@@ -7,6 +7,7 @@ from collections.abc import Callable
 
 import pytest
 from expectations import MANUAL_ADDRESS, start_manual, start_with_free_addresses
+from quarnctl_runs import make_state_folder
 
 from camlab import Camera
 from camlab.programs import CHECKOUT
@@ -60,6 +61,23 @@ def test_the_readmes_session_is_what_a_terminal_shows(camera: Camera) -> None:
     session = terminal_session(camera, README)
     assert session.startswith("    $ quarnctl status\n    link ")
     assert session in README
+
+
+def test_the_manual_pages_examples_work(camera: Camera) -> None:
+    text = (CHECKOUT / "docs" / "man" / "quarnctl.1.scd").read_text()
+    blocks = re.findall(r"^```\n(.+?)^```", text, re.MULTILINE | re.DOTALL)
+    commands = "".join(blocks).splitlines()
+    assert len(commands) == 5
+    make_state_folder(camera)
+    start_with_free_addresses(camera)
+    camera.start(["quarnctl", "guard", "--stay"])
+    for command in commands:
+        # There is no other camera here, nor a way to it: this one is asked in its place.
+        here = command.replace("-H admin@porch ", "")
+        done = camera.run(["sh", "-c", f"cd /tmp && {here}"], timeout=60)
+        assert (command, done.returncode, done.stderr) == (command, 0, "")
+    assert camera.addresses(4) == ["192.168.0.90/24"]
+    assert 8080 in camera.get("[IPTables/Allow]TcpDestPorts")
 
 
 def busctl_calls(text: str) -> list[str]:
