@@ -2,27 +2,21 @@
 // have learned, and leaves at once. The daemon, which may at this moment wait for a client to end, is never
 // waited for; what a client's first words wait for is the state of the link, and not for long.
 #include "core/log.h"
+#include "daemon_bus.h"
 #include "last_report.h"
 #include "lease_requests.h"
 #include "link_local.h"
 #include "link_queue.h"
 #include "small_files.h"
 
-#include <systemd/sd-bus.h>
-
 #include <cstring>
 
 namespace {
 
-constexpr char DAEMON[] = "com.vesko.networkingV2";
-constexpr char DAEMON_PATH[] = "/com/vesko/networkingV2";
 constexpr char ADVERTISED_SERVERS[] = "/run/rdnssd/resolv.conf";
 
 // A bus that hangs must not hold a client up for ever. SIGALRM ends the process.
 constexpr unsigned PATIENCE_IN_SECONDS = 15;
-
-using OwnedBus = std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>>;
-using OwnedMessage = std::unique_ptr<sd_bus_message, Releaser<sd_bus_message_unref>>;
 
 Variables read_environment()
 {

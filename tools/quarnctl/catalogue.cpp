@@ -1,6 +1,6 @@
 #include "catalogue.h"
 
-#include "settings/setting_def.h"
+#include "settings/apply_flag_names.h"
 
 #include <algorithm>
 #include <iterator>
@@ -45,26 +45,7 @@ constexpr char TAKES_ASKED_PORT[] = "a port from 1 to 65535";
 constexpr char TAKES_CERTIFICATE[] = "the path of a regular file on the camera, or null for none";
 constexpr char TAKES_NOTHING[] = "nothing: it cannot be set";
 
-// The apply flags without their prefix.
-constexpr std::uint32_t NOTHING = 0;
-constexpr std::uint32_t IPV4_ADDR = APPLY_IPV4_ADDR;
-constexpr std::uint32_t IPV6_ADDR = APPLY_IPV6_ADDR;
-constexpr std::uint32_t RESOLV = APPLY_RESOLV;
-constexpr std::uint32_t NTP = APPLY_NTP;
-constexpr std::uint32_t WEBSERVER = APPLY_WEBSERVER;
-constexpr std::uint32_t IPTABLES = APPLY_IPTABLES;
-constexpr std::uint32_t IP6TABLES = APPLY_IP6TABLES;
-constexpr std::uint32_t NIC = APPLY_NIC;
-constexpr std::uint32_t HOSTNAME = APPLY_HOSTNAME;
-constexpr std::uint32_t IPV6_KERNEL = APPLY_IPV6_KERNEL;
-constexpr std::uint32_t ACCEPT_RA = APPLY_ACCEPT_RA;
-constexpr std::uint32_t IPV4_ROUTES = APPLY_IPV4_ROUTES;
-constexpr std::uint32_t IPV6_ROUTES = APPLY_IPV6_ROUTES;
-constexpr std::uint32_t DHCPV4 = APPLY_DHCPV4;
-constexpr std::uint32_t DHCPV6 = APPLY_DHCPV6;
-constexpr std::uint32_t MTU = APPLY_MTU;
-constexpr std::uint32_t TRAFFIC_SHAPING = APPLY_TRAFFIC_SHAPING;
-constexpr std::uint32_t TRAFFIC_PORTS = APPLY_TRAFFIC_PORTS;
+using namespace apply_flag_names;
 
 // In the order of the daemon's own table; a unit test compares the two row by row.
 // clang-format off

@@ -17,7 +17,6 @@ namespace quarnctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using OwnedMessage = std::unique_ptr<sd_bus_message, Releaser<sd_bus_message_unref>>;
 using OwnedSlot = std::unique_ptr<sd_bus_slot, Releaser<sd_bus_slot_unref>>;
 
 constexpr std::uint64_t MICROSECONDS = 1'000'000;
@@ -93,7 +92,7 @@ int wait_for(sd_bus* bus, const OwnedMessage& reply, Progress& progress)
 OwnedMessage new_call(sd_bus* bus, const char* method, const std::string& text)
 {
     sd_bus_message* message = nullptr;
-    if (sd_bus_message_new_method_call(bus, &message, BUS_NAME, OBJECT_PATH, BUS_NAME, method) < 0)
+    if (sd_bus_message_new_method_call(bus, &message, DAEMON, DAEMON_PATH, DAEMON, method) < 0)
         return nullptr;
     OwnedMessage call(message);
     return sd_bus_message_append(message, "s", text.c_str()) < 0 ? nullptr : std::move(call);
@@ -234,7 +233,7 @@ bool send_settings(Session& session, const cJSON* settings, Failure& failure)
     BusError error;
     int result =
         sd_bus_call_method(session.bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                           "org.freedesktop.DBus", "GetNameOwner", &error.error, nullptr, "s", BUS_NAME);
+                           "org.freedesktop.DBus", "GetNameOwner", &error.error, nullptr, "s", DAEMON);
     if (result >= 0) {
         result = sd_bus_message_set_expect_reply(message.get(), 0);
         if (result >= 0)

@@ -1,25 +1,19 @@
 // session.h: a connection to a camera's daemon, and what went wrong with it.
 #pragma once
 
+#include "daemon_bus.h"
 #include "plan.h"
-
-#include <systemd/sd-bus.h>
 
 #include <string>
 #include <vector>
 
 namespace quarnctl {
 
-inline constexpr char BUS_NAME[] = "com.vesko.networkingV2";
-inline constexpr char OBJECT_PATH[] = "/com/vesko/networkingV2";
-
 // How quarnctl ends.
 inline constexpr int DONE = 0;
 inline constexpr int REFUSED = 1;
 inline constexpr int USAGE = 2;
 inline constexpr int NO_DAEMON = 3;
-
-using OwnedBus = std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>>;
 
 struct Session {
     // "user@host": a camera reached over SSH; empty: this one.

@@ -135,7 +135,7 @@ int run_monitor(Session& session)
     // Whoever may not call may not listen either, and would wait in silence: a call tells.
     if (!get_settings(session, {"[IPv4]Enabled"}, answer, failure))
         return report_failure(session, failure);
-    int result = sd_bus_match_signal(session.bus.get(), nullptr, BUS_NAME, OBJECT_PATH, BUS_NAME, nullptr,
+    int result = sd_bus_match_signal(session.bus.get(), nullptr, DAEMON, DAEMON_PATH, DAEMON, nullptr,
                                      print_signal, &session);
     if (result >= 0)
         result = sd_bus_add_match(session.bus.get(), nullptr, OWNER_RULE, print_owner, &session);
@@ -152,8 +152,8 @@ int run_watch(Session& session, const std::vector<std::string>& keys, unsigned i
         return report_faults(session, faults);
     if (!get_settings(session, keys, answer, failure))
         return report_failure(session, failure);
-    const int result = sd_bus_match_signal(session.bus.get(), nullptr, BUS_NAME, OBJECT_PATH, BUS_NAME,
-                                           nullptr, wake_up, nullptr);
+    const int result = sd_bus_match_signal(session.bus.get(), nullptr, DAEMON, DAEMON_PATH, DAEMON, nullptr,
+                                           wake_up, nullptr);
     if (result < 0)
         return report_failure(session, failure_of(session, {}, -result));
     const OwnedJson last = new_object();

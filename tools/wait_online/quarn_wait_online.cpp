@@ -1,8 +1,6 @@
 // quarn-wait-online: waits until eth0 has the address that the settings ask for, and then lets those start
 // who wait for network-online.target. Status 0 when it has, 1 after a minute without, 2 for a wrong use.
-#include "core/owned.h"
-
-#include <systemd/sd-bus.h>
+#include "daemon_bus.h"
 
 #include <cstdio>
 #include <cstring>
@@ -10,8 +8,6 @@
 
 namespace {
 
-constexpr char DAEMON[] = "com.vesko.networkingV2";
-constexpr char DAEMON_PATH[] = "/com/vesko/networkingV2";
 constexpr char REQUEST[] = R"({"settings":["[IPv4]Enabled","[IPv4/DHCP]Enabled","[IPv4/DHCP]Address",)"
                            R"("[IPv4/Actual]Address","[IPv6/Actual]Addresses"]})";
 constexpr char LINK_LOCAL_PREFIX[] = "fe80:";
@@ -19,9 +15,6 @@ constexpr char LINK_LOCAL_PREFIX[] = "fe80:";
 constexpr gint64 PATIENCE = gint64(60) * G_USEC_PER_SEC;
 // A lease can bring the very address that eth0 has already: nobody announces that.
 constexpr gint64 ASK_AGAIN = gint64(5) * G_USEC_PER_SEC;
-
-using OwnedBus = std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>>;
-using OwnedMessage = std::unique_ptr<sd_bus_message, Releaser<sd_bus_message_unref>>;
 
 const char* text_of(const cJSON* answer, const char* key)
 {
